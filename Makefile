@@ -1,0 +1,34 @@
+# Entry points. `make test` is what CI runs on a fresh machine.
+JOBS ?= $(shell nproc)
+FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
+
+.PHONY: all deps build test format tsan clean
+
+all: build
+
+deps:
+	./scripts/install-deps
+
+build: deps
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+
+# Release and AddressSanitizer + UndefinedBehaviorSanitizer builds, every test in both.
+test: deps
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	ctest --preset release -j $(JOBS)
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS)
+
+tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(JOBS)
+
+format:
+	clang-format -i $(FORMAT_FILES)
+
+clean:
+	rm -rf build

@@ -1,0 +1,20 @@
+#include "quillet/core/Clock.h"
+
+namespace quillet {
+namespace {
+
+class SystemClock final : public Clock {
+ public:
+  std::chrono::system_clock::time_point now() const noexcept override {
+    return std::chrono::system_clock::now();
+  }
+};
+
+}  // namespace
+
+const Clock& systemClock() noexcept {
+  static const SystemClock clock;
+  return clock;
+}
+
+}  // namespace quillet

@@ -1,0 +1,106 @@
+#include "quillet/core/Text.h"
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <unicode/ubrk.h>
+#include <unicode/ustring.h>
+#include <unicode/utypes.h>
+
+#include "quillet/core/Fatal.h"
+
+namespace quillet::Text {
+namespace {
+
+constexpr UChar32 kReplacement = 0xFFFD;
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+std::u16string toUtf16(std::string_view utf8) {
+  std::u16string out(utf8.size(), u'\0');  // UTF-16 never needs more units than UTF-8 has bytes
+  int32_t length = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  u_strFromUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, utf8.data(),
+                       static_cast<int32_t>(utf8.size()), kReplacement, nullptr, &status);
+  if (U_FAILURE(status)) fatalError("UTF-8 to UTF-16 conversion failed");
+  out.resize(static_cast<std::size_t>(length));
+  return out;
+}
+
+std::string toUtf8(std::u16string_view utf16) {
+  std::string out(utf16.size() * 3, '\0');  // one UTF-16 unit needs at most three UTF-8 bytes
+  int32_t length = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  u_strToUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, utf16.data(),
+                     static_cast<int32_t>(utf16.size()), kReplacement, nullptr, &status);
+  if (U_FAILURE(status)) fatalError("UTF-16 to UTF-8 conversion failed");
+  out.resize(static_cast<std::size_t>(length));
+  return out;
+}
+
+struct BreakIteratorCloser {
+  void operator()(UBreakIterator* iterator) const noexcept { ubrk_close(iterator); }
+};
+
+// Opening a character break iterator loads rules and costs microseconds, so each thread keeps one.
+UBreakIterator& characterBreaks() {
+  thread_local std::unique_ptr<UBreakIterator, BreakIteratorCloser> iterator = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    UBreakIterator* opened = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
+    if (U_FAILURE(status)) fatalError("ICU character break iterator unavailable");
+    return std::unique_ptr<UBreakIterator, BreakIteratorCloser>(opened);
+  }();
+  return *iterator;
+}
+
+}  // namespace
+
+std::string prefixCharacters(std::string_view utf8, std::size_t count) {
+  // Between two ASCII characters there is always a cluster boundary, except inside "\r\n"; so
+  // when the first count + 1 bytes are ASCII without a CR, the first count bytes are the answer.
+  const std::string_view head = utf8.substr(0, count + 1);
+  if (isAscii(head) && head.find('\r') == std::string_view::npos) {
+    return std::string(utf8.substr(0, count));
+  }
+  const std::u16string text = toUtf16(utf8);
+  UBreakIterator& breaks = characterBreaks();
+  UErrorCode status = U_ZERO_ERROR;
+  ubrk_setText(&breaks, reinterpret_cast<const UChar*>(text.data()),
+               static_cast<int32_t>(text.size()), &status);
+  if (U_FAILURE(status)) fatalError("ICU break iterator rejected its text");
+  int32_t end = ubrk_first(&breaks);
+  for (std::size_t taken = 0; taken < count; ++taken) {
+    const int32_t next = ubrk_next(&breaks);
+    if (next == UBRK_DONE) break;
+    end = next;
+  }
+  // Detach the iterator from the local text before that text goes away.
+  static constexpr UChar kEmpty[1] = {0};
+  ubrk_setText(&breaks, kEmpty, 0, &status);
+  return toUtf8(std::u16string_view(text).substr(0, static_cast<std::size_t>(end)));
+}
+
+std::string uppercased(std::string_view utf8) {
+  if (isAscii(utf8)) {
+    std::string out(utf8);
+    for (char& c : out) {
+      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    }
+    return out;
+  }
+  const std::u16string text = toUtf16(utf8);
+  std::u16string upper(text.size() * 3 + 4, u'\0');  // full mappings grow a unit to at most three
+  UErrorCode status = U_ZERO_ERROR;
+  const int32_t length = u_strToUpper(
+      reinterpret_cast<UChar*>(upper.data()), static_cast<int32_t>(upper.size()),
+      reinterpret_cast<const UChar*>(text.data()), static_cast<int32_t>(text.size()), "", &status);
+  if (U_FAILURE(status)) fatalError("ICU upper-case mapping failed");
+  upper.resize(static_cast<std::size_t>(length));
+  return toUtf8(upper);
+}
+
+}  // namespace quillet::Text

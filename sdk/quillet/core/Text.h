@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace quillet::Text {
+
+/// The first `count` user-perceived characters (Unicode extended grapheme clusters) of a UTF-8
+/// text, or the whole text when it has fewer. "e\u0301x" counts as two characters, "\r\n" as one.
+/// An ill-formed UTF-8 sequence counts as, and comes back as, U+FFFD.
+std::string prefixCharacters(std::string_view utf8, std::size_t count);
+
+/// The full Unicode upper-case mapping of a UTF-8 text, independent of any locale ("ß" becomes
+/// "SS", "ǆ" becomes "Ǆ"). An ill-formed UTF-8 sequence becomes U+FFFD.
+std::string uppercased(std::string_view utf8);
+
+}  // namespace quillet::Text
