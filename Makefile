@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test format tsan clean
+.PHONY: all deps build test demo format tsan clean
 
 all: build
 
@@ -26,6 +26,9 @@ tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS)
+
+demo: build
+	./scripts/demo build/release/cli/quillet testdata/vendor-list.json
 
 format:
 	clang-format -i $(FORMAT_FILES)

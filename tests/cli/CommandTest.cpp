@@ -1,0 +1,277 @@
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include <boost/json/parse.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "quillet/codec/TCString.h"
+#include "quillet/core/Version.h"
+
+extern char** environ;
+
+namespace quillet {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the quillet command with `args`, feeding `input` on standard input.
+Outcome quillet(std::vector<std::string> args, const std::string& input = "") {
+  std::array<int, 2> in{}, out{}, err{};
+  if (pipe(in.data()) != 0 || pipe(out.data()) != 0 || pipe(err.data()) != 0) return {};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+  for (const int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) {
+    posix_spawn_file_actions_addclose(&actions, fd);
+  }
+  args.insert(args.begin(), QUILLET_CLI_PATH);
+  std::vector<char*> argv;
+  for (auto& arg : args)
+    argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+  Outcome run;
+  if (spawned != 0) return run;
+  std::size_t written = 0;
+  if (input.empty()) close(in[1]);
+  std::array<pollfd, 3> fds{pollfd{out[0], POLLIN, 0}, pollfd{err[0], POLLIN, 0},
+                            pollfd{input.empty() ? -1 : in[1], POLLOUT, 0}};
+  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+    if (poll(fds.data(), fds.size(), -1) < 0) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP)) != 0) {
+        std::array<char, 4096> buffer{};
+        const ssize_t n = read(fds[i].fd, buffer.data(), buffer.size());
+        if (n <= 0) {
+          close(fds[i].fd);
+          fds[i].fd = -1;
+        } else {
+          (i == 0 ? run.out : run.err).append(buffer.data(), static_cast<std::size_t>(n));
+        }
+      }
+    }
+    if (fds[2].fd >= 0 && (fds[2].revents & (POLLOUT | POLLERR)) != 0) {
+      const ssize_t n = write(fds[2].fd, input.data() + written, input.size() - written);
+      if (n > 0) written += static_cast<std::size_t>(n);
+      if (n <= 0 || written == input.size()) {
+        close(fds[2].fd);
+        fds[2].fd = -1;
+      }
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return run;
+}
+
+std::vector<boost::json::object> jsonLines(const std::string& text) {
+  std::vector<boost::json::object> objects;
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    boost::system::error_code error;
+    auto value = boost::json::parse(line, error);
+    EXPECT_FALSE(error) << line;
+    if (!error && value.is_object()) objects.push_back(std::move(value.get_object()));
+  }
+  return objects;
+}
+
+std::vector<std::string> keys(const boost::json::object& object) {
+  std::vector<std::string> names;
+  for (const auto& member : object)
+    names.emplace_back(member.key());
+  return names;
+}
+
+constexpr const char* kAllSegments =
+    "COrEAV4OrXx94ACABBENAHCIAD-AAAAAAACAAxAAAAgAIAwgAgAAAAEAgQAAAAAEAYQAQAAAACAAAABAAA."
+    "IBAgAAAgAIAwgAgAAAAEAAAACA.QAagAQAgAIAwgA.cAAAAAAAITg=";
+constexpr const char* kCoreOnly = "COtybn4PA_zT4KjACBENAPCIAEBAAECAAIAAAAAAAAAA";
+
+TEST(DecodeCommand, PrintsEveryFieldInOrderAndLeavesOutAbsentSegments) {
+  const Outcome run = quillet({"decode", kAllSegments, kCoreOnly});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(run.err, IsEmpty());
+  const auto objects = jsonLines(run.out);
+  ASSERT_EQ(objects.size(), 2U);
+  const std::vector<std::string> coreKeys{"version",
+                                          "created",
+                                          "lastUpdated",
+                                          "cmpId",
+                                          "cmpVersion",
+                                          "consentScreen",
+                                          "consentLanguage",
+                                          "vendorListVersion",
+                                          "policyVersion",
+                                          "isServiceSpecific",
+                                          "useNonStandardTexts",
+                                          "specialFeatureOptins",
+                                          "purposeConsents",
+                                          "purposeLegitimateInterests",
+                                          "purposeOneTreatment",
+                                          "publisherCountryCode",
+                                          "vendorConsents",
+                                          "vendorConsentsMaxId",
+                                          "vendorConsentsIsRange",
+                                          "vendorLegitimateInterests",
+                                          "vendorLegitimateInterestsMaxId",
+                                          "vendorLegitimateInterestsIsRange",
+                                          "publisherRestrictions"};
+  std::vector<std::string> allKeys = coreKeys;
+  for (const char* key :
+       {"vendorsDisclosed", "vendorsDisclosedMaxId", "vendorsDisclosedIsRange", "vendorsAllowed",
+        "vendorsAllowedMaxId", "vendorsAllowedIsRange", "publisherPurposesConsent",
+        "publisherPurposesLegitimateInterests", "numCustomPurposes",
+        "publisherCustomPurposesConsent", "publisherCustomPurposesLegitimateInterests"}) {
+    allKeys.emplace_back(key);
+  }
+  allKeys.emplace_back("warnings");
+  std::vector<std::string> coreOnlyKeys = coreKeys;
+  coreOnlyKeys.emplace_back("warnings");
+  EXPECT_EQ(keys(objects[0]), allKeys);
+  EXPECT_EQ(keys(objects[1]), coreOnlyKeys);
+
+  const auto& tc = objects[0];
+  EXPECT_EQ(tc.at("created"), "2019-12-04T18:53:00.000Z");
+  EXPECT_EQ(tc.at("lastUpdated"), "2019-12-10T18:53:00.000Z");
+  EXPECT_EQ(tc.at("consentLanguage"), "EN");
+  EXPECT_EQ(tc.at("vendorsAllowed"), boost::json::parse("[12,23,37,47,48,53]"));
+  EXPECT_EQ(tc.at("vendorConsentsIsRange"), false);
+  EXPECT_EQ(tc.at("numCustomPurposes"), 2);
+  EXPECT_EQ(tc.at("publisherCustomPurposesLegitimateInterests"), boost::json::parse("[1,2]"));
+  EXPECT_EQ(objects[1].at("purposeConsents"), boost::json::parse("[2,10]"));
+}
+
+TEST(DecodeCommand, ReadsStandardInputAndReportsUnreadableStringsAtTheEnd) {
+  const std::string input =
+      std::string(kCoreOnly) + "\n\n  bad-encoded!!!string  \r\n" + kAllSegments + "\n" + "CA==\n";
+  const Outcome run = quillet({"decode"}, input);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(jsonLines(run.out).size(), 2U);
+  EXPECT_THAT(run.err, HasSubstr("\"bad-encoded!!!string\""));
+  EXPECT_THAT(run.err, HasSubstr("at bit 66"));
+  EXPECT_THAT(run.err, HasSubstr("\"CA==\""));
+  EXPECT_THAT(run.err, HasSubstr("Created"));
+}
+
+TEST(DecodeCommand, PrettyPrintsTheSameObject) {
+  const Outcome compact = quillet({"decode", kAllSegments});
+  const Outcome pretty = quillet({"decode", "--pretty", kAllSegments});
+  ASSERT_EQ(pretty.status, 0);
+  EXPECT_GT(std::count(pretty.out.begin(), pretty.out.end(), '\n'), 20);
+  EXPECT_THAT(pretty.out, HasSubstr("\n  \"cmpId\": 2,\n"));
+  EXPECT_EQ(boost::json::parse(pretty.out), boost::json::parse(compact.out));
+}
+
+TEST(DecodeCommand, StrictTurnsWarningsIntoErrors) {
+  const std::string policy = "COvwooAOvwooAB7ABCENAPEYAIAAACAAAIqIAAoAAoAA.QAAo.IAAo";
+  const Outcome lenient = quillet({"decode", policy});
+  ASSERT_EQ(lenient.status, 0);
+  EXPECT_THAT(lenient.out, HasSubstr("purpose 3 is signalled under legitimate interest"));
+  const Outcome strict = quillet({"decode", "--strict", policy, kCoreOnly});
+  EXPECT_EQ(strict.status, 1);
+  EXPECT_EQ(jsonLines(strict.out).size(), 1U);
+  EXPECT_THAT(strict.err, HasSubstr("purpose 3"));
+}
+
+TEST(EncodeCommand, WritesTheStringItsMembersDescribe) {
+  const std::string input = R"({
+    "purposeConsents": [1, 2, 3], "purposeLegitimateInterests": [2, 7],
+    "specialFeatureOptins": [1], "vendorConsents": [4, 8], "vendorLegitimateInterests": [8],
+    "gvlVendorIds": [2, 4, 8, 10], "cmpId": 300, "cmpVersion": 2, "consentScreen": 1,
+    "consentLanguage": "fr", "vendorListVersion": 106, "policyVersion": 5,
+    "isServiceSpecific": true, "useNonStandardStacks": true, "purposeOneTreatment": false,
+    "publisherCC": "de", "created": 17000000003, "disclosedVendors": [2, 10]})";
+  const Outcome run = quillet({"encode"}, input);
+  ASSERT_EQ(run.status, 0) << run.err;
+  ASSERT_EQ(run.out.back(), '\n');
+  const auto tc = TCString::parse(run.out.substr(0, run.out.size() - 1));
+  ASSERT_TRUE(tc) << tc.error().message();
+  EXPECT_EQ(tc->created, 17000000003U);
+  EXPECT_EQ(tc->cmpId, 300);
+  EXPECT_EQ(tc->consentLanguage, "FR");
+  EXPECT_EQ(tc->publisherCountryCode, "DE");
+  EXPECT_TRUE(tc->useNonStandardTexts);
+  EXPECT_EQ(tc->vendorConsents.ids, (std::vector<std::int64_t>{4, 8}));
+  EXPECT_EQ(tc->vendorsAllowed->ids, (std::vector<std::int64_t>{2, 10}));
+
+  // Same input from a file, without the vendor segment; fixed `created` makes it repeatable.
+  const std::string path = ::testing::TempDir() + "quillet-encode-input.json";
+  std::ofstream(path) << R"({"gvlVendorIds": [3], "created": 5})";
+  const Outcome fromFile = quillet({"encode", "--input", path});
+  const Outcome again = quillet({"encode"}, R"({"created": 5, "gvlVendorIds": [1, 3]})");
+  ASSERT_EQ(fromFile.status, 0) << fromFile.err;
+  EXPECT_EQ(fromFile.out, again.out);
+  EXPECT_EQ(fromFile.out.find('.'), std::string::npos);
+  const auto defaults = TCString::parse(fromFile.out.substr(0, fromFile.out.size() - 1));
+  ASSERT_TRUE(defaults);
+  EXPECT_EQ(defaults->cmpId, 471);
+  EXPECT_EQ(defaults->publisherCountryCode, "US");
+}
+
+TEST(EncodeCommand, RefusesInputThatWouldStopTheEncoder) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {R"({"purposeConsents": [1]})", "gvlVendorIds"},
+      {R"({"gvlVendorIds": []})", "gvlVendorIds"},
+      {R"({"gvlVendorIds": [0, -4]})", "positive"},
+      {R"({"gvlVendorIds": [3], "cmpId": -1})", "cmpId"},
+      {R"({"gvlVendorIds": [3], "policyVersion": 1.5})", "policyVersion"},
+      {R"({"gvlVendorIds": [3], "consentLanguage": "e1"})", "consentLanguage"},
+      {R"({"gvlVendorIds": [3], "publisherCC": 7})", "publisherCC"},
+      {R"({"gvlVendorIds": [3], "vendorConsents": [1, "2"]})", "vendorConsents"},
+      {R"({"gvlVendorIds": [3], "isServiceSpecific": "yes"})", "isServiceSpecific"},
+      {R"({"gvlVendorIds": [3], "created": 68719476736})", "created"},
+      {R"({"gvlVendorIds": [3], "purposeConsent": [1]})", "unknown member"},
+      {R"({"gvlVendorIds": [3],)", "not JSON"},
+      {R"([1, 2])", "one JSON object"},
+  };
+  for (const auto& [input, expected] : cases) {
+    const Outcome run = quillet({"encode"}, input);
+    EXPECT_EQ(run.status, 1) << input;
+    EXPECT_THAT(run.out, IsEmpty()) << input;
+    EXPECT_THAT(run.err, HasSubstr(expected)) << input;
+  }
+  EXPECT_EQ(quillet({"encode", "--input", "/nonexistent/input.json"}).status, 1);
+}
+
+TEST(Command, UsageErrorsHelpAndVersion) {
+  EXPECT_EQ(quillet({}).status, 2);
+  EXPECT_EQ(quillet({"transcode"}).status, 2);
+  EXPECT_EQ(quillet({"decode", "--bogus"}).status, 2);
+  EXPECT_EQ(quillet({"encode", "--input"}).status, 2);
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"--help"}, {"decode", "--help"}, {"encode", "--help"}}) {
+    const Outcome help = quillet(args);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.out, HasSubstr("Usage"));
+  }
+  const Outcome version = quillet({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out, HasSubstr(kVersion));
+}
+
+}  // namespace
+}  // namespace quillet
