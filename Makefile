@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo format tsan clean
+.PHONY: all deps build test demo bench format tsan clean
 
 all: build
 
@@ -29,6 +29,9 @@ tsan: deps
 
 demo: build
 	./scripts/demo build/release/cli/quillet testdata/vendor-list.json
+
+bench: build
+	./build/release/bench/codec_bench --benchmark_min_time=0.5
 
 format:
 	clang-format -i $(FORMAT_FILES)

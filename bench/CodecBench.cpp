@@ -1,0 +1,126 @@
+// Hot paths of the TC String codec: encoding a full consent for a large vendor list, and reading
+// real strings back with the core decoder and the full reader.
+
+#include <algorithm>
+#include <fstream>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "quillet/codec/QLTCMPUtils.h"
+#include "quillet/codec/TCString.h"
+
+namespace {
+
+using namespace quillet;
+
+std::vector<std::int64_t> range(std::int64_t first, std::int64_t last) {
+  std::vector<std::int64_t> ids(static_cast<std::size_t>(last - first + 1));
+  std::iota(ids.begin(), ids.end(), first);
+  return ids;
+}
+
+const FixedClock kClock(std::chrono::system_clock::time_point(std::chrono::seconds(1700000000)));
+
+QLTCMPUtils::TCStringInput acceptAll1200() {
+  QLTCMPUtils::TCStringInput input;
+  input.purposeConsents = range(1, 24);
+  input.purposeLegitimateInterests = range(1, 24);
+  input.specialFeatureOptins = range(1, 12);
+  input.vendorConsents = range(1, 1200);
+  input.vendorLegitimateInterests = range(1, 1200);
+  input.gvlVendorIds = range(1, 1200);
+  input.vendorListVersion = 106;
+  input.policyVersion = 5;
+  return input;
+}
+
+void EncodeAcceptAll1200Vendors(benchmark::State& state) {
+  const auto input = acceptAll1200();
+  for (auto _ : state)
+    benchmark::DoNotOptimize(QLTCMPUtils::encodeTCString(input, kClock));
+}
+BENCHMARK(EncodeAcceptAll1200Vendors);
+
+void EncodeDisclosedVendorsSegment1200Vendors(benchmark::State& state) {
+  const auto ids = range(1, 1200);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(QLTCMPUtils::encodeDisclosedVendorsSegment(ids, ids));
+  }
+}
+BENCHMARK(EncodeDisclosedVendorsSegment1200Vendors);
+
+struct Sample {
+  std::string text, status, tags;
+};
+
+std::vector<Sample> samples() {
+  std::ifstream file(QUILLET_TESTDATA_DIR "/tc-strings.txt");
+  if (!file) throw std::runtime_error("testdata/tc-strings.txt is missing");
+  std::vector<Sample> out;
+  for (std::string line; std::getline(file, line);) {
+    const auto tab = line.find('\t');
+    const std::string meta = line.substr(tab + 1);
+    out.push_back({line.substr(0, tab), meta.substr(0, meta.find(';')),
+                   meta.substr(meta.find('['), meta.find(']') - meta.find('['))});
+  }
+  return out;
+}
+
+// The four strings measured: the shortest core-only one with vendors (the core decoder stops on
+// a string without), the longest core-only bit field, a core-only range encoding with publisher
+// restrictions, and the longest string of all.
+const std::string& sample(int which) {
+  static const std::vector<std::string> chosen = [] {
+    const auto all = samples();
+    auto readable = [](const Sample& s) { return s.status == "valid" || s.status == "example"; };
+    auto has = [](const Sample& s, const char* tag) {
+      return s.tags.find(tag) != std::string::npos;
+    };
+    std::vector<Sample> core, bitField, range, any;
+    for (const auto& s : all) {
+      if (!readable(s)) continue;
+      any.push_back(s);
+      if (!has(s, "core-only")) continue;
+      const auto parsed = TCString::parse(s.text);
+      if (parsed && parsed->vendorConsents.maxVendorId > 0) core.push_back(s);
+      if (has(s, "bitfield")) bitField.push_back(s);
+      if (has(s, "range") && has(s, "publisher-restrictions")) range.push_back(s);
+    }
+    auto shortest = [](const Sample& a, const Sample& b) { return a.text.size() < b.text.size(); };
+    return std::vector<std::string>{
+        std::min_element(core.begin(), core.end(), shortest)->text,
+        std::max_element(bitField.begin(), bitField.end(), shortest)->text,
+        range.front().text,
+        std::max_element(any.begin(), any.end(), shortest)->text,
+    };
+  }();
+  return chosen.at(static_cast<std::size_t>(which));
+}
+
+const char* const kNames[] = {"core-only", "long bit field", "range + restrictions", "longest"};
+
+void ReadWithTCString(benchmark::State& state) {
+  const std::string& text = sample(static_cast<int>(state.range(0)));
+  state.SetLabel(std::string(kNames[state.range(0)]) + ", " + std::to_string(text.size()) +
+                 " chars");
+  if (!TCString::parse(text)) state.SkipWithError("sample did not parse");
+  for (auto _ : state)
+    benchmark::DoNotOptimize(TCString::parse(text));
+}
+BENCHMARK(ReadWithTCString)->DenseRange(0, 3);
+
+void ReadWithDecodeTCString(benchmark::State& state) {
+  const std::string& text = sample(static_cast<int>(state.range(0)));
+  const std::string core = text.substr(0, text.find('.'));
+  state.SetLabel(std::string(kNames[state.range(0)]) + ", core " + std::to_string(core.size()) +
+                 " chars");
+  for (auto _ : state)
+    benchmark::DoNotOptimize(QLTCMPUtils::decodeTCString(core));
+}
+BENCHMARK(ReadWithDecodeTCString)->DenseRange(0, 3);
+
+}  // namespace
