@@ -1,4 +1,3 @@
-#include <mutex>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,6 +7,8 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 #include "quillet/core/QltLog.h"
+
+#include "support/RecordingLogSink.h"
 
 namespace quillet {
 namespace {
@@ -242,24 +243,8 @@ TEST(Encoder, DisclosedVendorsSegmentHasTypeTwoAndABitField) {
   EXPECT_EQ(segment.find('.'), std::string::npos);
 }
 
-class RecordingSink final : public LogSink {
- public:
-  void write(std::string_view line) noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 TEST(Encoder, LogsTheListSizesAtDebugLevel) {
-  auto sink = std::make_shared<RecordingSink>();
+  auto sink = std::make_shared<testing::RecordingLogSink>();
   QltLog::setSink(sink);
   QltLog::setEnabled(true);
   const QLTCMPUtils::TCStringInput input{.purposeConsents = {1, 2, 3},

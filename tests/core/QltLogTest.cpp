@@ -1,5 +1,3 @@
-#include <mutex>
-#include <regex>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -7,28 +5,14 @@
 
 #include "quillet/core/QltLog.h"
 
+#include "support/RecordingLogSink.h"
+
 namespace quillet {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-
-class RecordingSink final : public LogSink {
- public:
-  void write(std::string_view line) noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
 
 // Installs a recording sink and restores the process-wide settings afterwards.
 class QltLogTest : public ::testing::Test {
@@ -44,7 +28,7 @@ class QltLogTest : public ::testing::Test {
   }
   std::vector<std::string> lines() const { return sink_->lines(); }
 
-  std::shared_ptr<RecordingSink> sink_ = std::make_shared<RecordingSink>();
+  std::shared_ptr<testing::RecordingLogSink> sink_ = std::make_shared<testing::RecordingLogSink>();
 };
 
 // The part of a line after its timestamp.
