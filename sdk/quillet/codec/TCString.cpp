@@ -57,8 +57,21 @@ class SegmentBits {
     }
     const auto* chars = reinterpret_cast<const unsigned char*>(text.data());
     std::uint8_t* out = bytes_;
-    std::uint32_t invalid = 0;
+    std::uint64_t invalid = 0;
     std::size_t i = 0;
+    // Eight characters make six bytes: gather 48 bits and store them with one 8-byte write
+    // (the two extra bytes are overwritten by the next group or lie in the slack).
+    for (; i + 8 <= text.size(); i += 8, out += 6) {
+      std::uint64_t group = 0;
+      for (std::size_t k = 0; k < 8; ++k) {
+        const std::uint64_t value = kUrlValues[chars[i + k]];
+        invalid |= value;
+        group = (group << 6) | value;
+      }
+      group <<= 16;
+      if constexpr (std::endian::native == std::endian::little) group = __builtin_bswap64(group);
+      std::memcpy(out, &group, sizeof group);
+    }
     for (; i + 4 <= text.size(); i += 4, out += 3) {
       const std::uint32_t a = kUrlValues[chars[i]], b = kUrlValues[chars[i + 1]],
                           c = kUrlValues[chars[i + 2]], d = kUrlValues[chars[i + 3]];
@@ -78,7 +91,7 @@ class SegmentBits {
     out[1] = static_cast<std::uint8_t>(group >> 8);
     out[2] = static_cast<std::uint8_t>(group);
     std::fill(out + 3, out + 3 + kSlack, 0);
-    if ((invalid & 0xC0U) != 0) return failOnCharacter(text);
+    if ((invalid & 0xC0U) != 0) return failOnCharacter(text);  // an invalid value has bit 7
     return true;
   }
 
@@ -92,6 +105,9 @@ class SegmentBits {
     position_ += width;
     return start;
   }
+
+  // Moves to `position`, which the caller has checked is inside the text.
+  void seek(std::int64_t position) { position_ = position; }
 
   // The next `width` bits (0 to 64) as a number; 0 on failure.
   std::uint64_t read(int width, const char* section, const char* field) {
@@ -166,25 +182,6 @@ class SegmentBits {
   ReadFailure failure_;
 };
 
-// For each byte value: how many bits are set, and their positions counted from the most
-// significant bit (unused slots 0).
-struct BitPositions {
-  std::uint8_t count = 0;
-  std::array<std::uint8_t, 8> positions{};
-};
-constexpr std::array<BitPositions, 256> kBitPositions = [] {
-  std::array<BitPositions, 256> table{};
-  for (int value = 0; value < 256; ++value) {
-    for (int bit = 0; bit < 8; ++bit) {
-      if ((value >> (7 - bit)) & 1) {
-        auto& entry = table[static_cast<std::size_t>(value)];
-        entry.positions[entry.count++] = static_cast<std::uint8_t>(bit);
-      }
-    }
-  }
-  return table;
-}();
-
 // The low `width` bits of `value` in reverse order: the string's first bit becomes bit 0.
 std::uint64_t reverseLow(std::uint64_t value, int width) {
   if (width == 0) return 0;
@@ -197,35 +194,26 @@ std::uint64_t reverseLow(std::uint64_t value, int width) {
   return value >> (64 - width);
 }
 
-// Ids of the set bits among `length` bits from `start`; bit k stands for id k + 1. Reads 56 bits
-// at a time and turns each byte into its ids through a table, without a branch per bit.
+// Ids of the set bits among `length` bits from `start`; bit k stands for id k + 1. Reads 64 bits
+// at a time, reversed so that the first bit is the lowest, and walks the set bits.
 void appendSetBits(const SegmentBits& bits, std::int64_t start, std::int64_t length,
                    std::vector<std::int64_t>& ids) {
-  constexpr int kChunk = 56;
   std::size_t total = 0;
-  for (std::int64_t done = 0; done < length; done += kChunk) {
-    const int width = static_cast<int>(std::min<std::int64_t>(kChunk, length - done));
-    const std::uint64_t chunk = bits.peek(start + done, width);
-    for (int shift = 0; shift < width; shift += 8) {
-      total += kBitPositions[(chunk >> shift) & 0xFFU].count;
-    }
+  for (std::int64_t done = 0; done < length; done += 64) {
+    const int width = static_cast<int>(std::min<std::int64_t>(64, length - done));
+    total += static_cast<std::size_t>(std::popcount(bits.peek(start + done, width)));
   }
   if (total == 0) return;
   const std::size_t first = ids.size();
-  ids.resize(first + total + 8);  // each byte writes 8 slots, then advances by its count
+  ids.resize(first + total);
   std::int64_t* out = ids.data() + first;
-  for (std::int64_t done = 0; done < length; done += kChunk) {
-    const int width = static_cast<int>(std::min<std::int64_t>(kChunk, length - done));
-    const std::uint64_t chunk = bits.peek(start + done, width) << (kChunk - width);
-    for (int byte = 0; byte * 8 < width; ++byte) {
-      const auto& entry = kBitPositions[(chunk >> (kChunk - 8 - byte * 8)) & 0xFFU];
-      const std::int64_t base = done + byte * 8 + 1;
-      for (int k = 0; k < 8; ++k)
-        out[k] = base + entry.positions[static_cast<std::size_t>(k)];
-      out += entry.count;
+  for (std::int64_t done = 0; done < length; done += 64) {
+    const int width = static_cast<int>(std::min<std::int64_t>(64, length - done));
+    for (std::uint64_t rest = reverseLow(bits.peek(start + done, width), width); rest != 0;
+         rest &= rest - 1) {
+      *out++ = done + std::countr_zero(rest) + 1;
     }
   }
-  ids.resize(first + total);
 }
 
 [[gnu::cold]] void failOnRange(SegmentBits& bits, const char* section, std::int64_t first,
@@ -250,31 +238,47 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
   const auto entries = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
   ids.reserve(ids.size() + static_cast<std::size_t>(entries));  // at least one id per entry
   bool ascending = true;  // entries so far are in order without overlap
+  std::int64_t previousLast = 0;
+  // The position lives in a local while entries are read: stores of ids could otherwise alias it
+  // and serialise the loop through memory.
+  std::int64_t position = bits.position();
+  const std::int64_t end = position + bits.remainingBits();
   for (std::int64_t entry = 0; entry < entries; ++entry) {
-    // IsARange and StartOrOnlyVendorId in one read, or field by field near the end so that a
-    // truncation names the field it cuts.
-    const std::int64_t startAt = bits.position() + 1;
-    std::uint64_t head = 0;
-    if (bits.remainingBits() >= 17) {
-      head = bits.read(17, section, "StartOrOnlyVendorId");
+    const std::int64_t startAt = position + 1;
+    const std::int64_t endAt = startAt + 16;
+    std::int64_t first = 0;
+    std::int64_t last = 0;
+    bool isRange = false;
+    if (end - position >= 33) {
+      const std::uint64_t head = bits.peek(position, 17);
+      isRange = (head >> 16) != 0;
+      first = static_cast<std::int64_t>(head & 0xFFFFU);
+      last = first;
+      position += 17;
+      if (isRange) {
+        last = static_cast<std::int64_t>(bits.peek(position, 16));
+        position += 16;
+      }
     } else {
-      head = std::uint64_t{bits.readBit(section, "IsARange")} << 16;
-      head |= bits.read(16, section, "StartOrOnlyVendorId");
+      // Near the end, field by field, so that a truncation names the field it cuts.
+      bits.seek(position);
+      isRange = bits.readBit(section, "IsARange");
+      first = static_cast<std::int64_t>(bits.read(16, section, "StartOrOnlyVendorId"));
+      last = isRange ? static_cast<std::int64_t>(bits.read(16, section, "EndVendorId")) : first;
+      if (bits.failed()) return;
+      position = bits.position();
     }
-    const bool isRange = (head >> 16) != 0;
-    const auto first = static_cast<std::int64_t>(head & 0xFFFFU);
-    const std::int64_t endAt = bits.position();
-    const auto last =
-        isRange ? static_cast<std::int64_t>(bits.read(16, section, "EndVendorId")) : first;
-    if (bits.failed()) return;
     if (first == 0 || first > last || (maxId && last > *maxId)) [[unlikely]] {
       failOnRange(bits, section, first, last, isRange, startAt, endAt, maxId);
       return;
     }
-    ascending = ascending && (ids.empty() || first > ids.back());
-    for (std::int64_t id = first; id <= last; ++id)
+    ascending = ascending && first > previousLast;
+    previousLast = last;
+    ids.push_back(first);
+    for (std::int64_t id = first + 1; id <= last; ++id)
       ids.push_back(id);
   }
+  bits.seek(position);
   if (!ascending) {
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
@@ -361,6 +365,7 @@ void readCore(SegmentBits& bits, TCString& tc) {
   tc.vendorConsents = readVendorSection(bits, "VendorConsents");
   tc.vendorLegitimateInterests = readVendorSection(bits, "VendorLegitimateInterests");
   const auto restrictions = static_cast<int>(bits.read(12, nullptr, "NumPubRestrictions"));
+  tc.publisherRestrictions.reserve(static_cast<std::size_t>(restrictions));
   for (int r = 0; r < restrictions && !bits.failed(); ++r) {
     PublisherRestriction restriction;
     restriction.purposeId = static_cast<int>(bits.read(6, "PubRestrictions", "PurposeId"));
