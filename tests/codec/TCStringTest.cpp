@@ -203,6 +203,27 @@ TEST(TCString, RangeEntriesInAnyOrderGiveAscendingIdsOnce) {
   EXPECT_TRUE(tc.vendorsDisclosed->isRangeEncoding);
 }
 
+TEST(TCString, OverlappingRangesKeepEachVendorOnce) {
+  BitWriter writer;
+  writer.write(2, 6);
+  writer.write(0, 36 + 36 + 12 + 12 + 6 + 12 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12);
+  writer.write(0, 17 * 2);  // two empty vendor bit fields
+  // One restriction whose 300 entries all cover vendors 1 to 65535: 19.6 million ids if expanded.
+  writer.write(1, 12);
+  writer.write(1, 6);
+  writer.write(0, 2);
+  writer.write(300, 12);
+  for (int entry = 0; entry < 300; ++entry) {
+    writer.writeBit(true);
+    writer.write(1, 16);
+    writer.write(65535, 16);
+  }
+  const TCString tc = parsed(base64URLEncodedString(writer.data()));
+  ASSERT_EQ(tc.publisherRestrictions.size(), 1U);
+  EXPECT_EQ(tc.publisherRestrictions[0].vendors.size(), 65535U);
+  EXPECT_EQ(tc.publisherRestrictions[0].vendors.back(), 65535);
+}
+
 TEST(TCString, WarnsAboutLegitimateInterestForPurposesThreeToSixFromPolicyVersionFour) {
   QLTCMPUtils::TCStringInput input{.purposeLegitimateInterests = {2, 3, 6, 7}, .gvlVendorIds = {1}};
   input.policyVersion = 3;

@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <memory>
 #include <span>
 
 #include "quillet/codec/Base64Alphabet.h"
@@ -216,6 +217,43 @@ void appendSetBits(const SegmentBits& bits, std::int64_t start, std::int64_t len
   }
 }
 
+// The ids of a range section once its entries overlap or come out of order: a bit per possible
+// vendor id (16-bit fields), so repeated ranges cost neither memory nor sorting.
+class VendorBitmap {
+ public:
+  explicit VendorBitmap(const std::vector<std::int64_t>& ids) {
+    for (const std::int64_t id : ids)
+      add(id, id);
+  }
+  void add(std::int64_t first, std::int64_t last) {
+    const auto firstWord = static_cast<std::size_t>(first >> 6);
+    const auto lastWord = static_cast<std::size_t>(last >> 6);
+    const std::uint64_t firstMask = ~std::uint64_t{0} << (first & 63);
+    const std::uint64_t lastMask = ~std::uint64_t{0} >> (63 - (last & 63));
+    if (firstWord == lastWord) {
+      words_[firstWord] |= firstMask & lastMask;
+      return;
+    }
+    words_[firstWord] |= firstMask;
+    for (std::size_t w = firstWord + 1; w < lastWord; ++w)
+      words_[w] = ~std::uint64_t{0};
+    words_[lastWord] |= lastMask;
+  }
+  // The ids, ascending.
+  std::vector<std::int64_t> ids() const {
+    std::vector<std::int64_t> out;
+    for (std::size_t w = 0; w < words_.size(); ++w) {
+      for (std::uint64_t rest = words_[w]; rest != 0; rest &= rest - 1) {
+        out.push_back(static_cast<std::int64_t>(w * 64) + std::countr_zero(rest));
+      }
+    }
+    return out;
+  }
+
+ private:
+  std::array<std::uint64_t, 1024> words_{};  // ids 0 to 65535
+};
+
 [[gnu::cold]] void failOnRange(SegmentBits& bits, const char* section, std::int64_t first,
                                std::int64_t last, bool isRange, std::int64_t startAt,
                                std::int64_t endAt, std::optional<std::int64_t> maxId) {
@@ -237,7 +275,9 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
                       std::vector<std::int64_t>& ids) {
   const auto entries = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
   ids.reserve(ids.size() + static_cast<std::size_t>(entries));  // at least one id per entry
-  bool ascending = true;  // entries so far are in order without overlap
+  // Entries in order without overlap append their ids; from the first that is not, a bitmap
+  // gathers them.
+  std::unique_ptr<VendorBitmap> bitmap;
   std::int64_t previousLast = 0;
   // The position lives in a local while entries are read: stores of ids could otherwise alias it
   // and serialise the loop through memory.
@@ -272,17 +312,18 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
       failOnRange(bits, section, first, last, isRange, startAt, endAt, maxId);
       return;
     }
-    ascending = ascending && first > previousLast;
+    if (!bitmap && first <= previousLast) bitmap = std::make_unique<VendorBitmap>(ids);
     previousLast = last;
+    if (bitmap) {
+      bitmap->add(first, last);
+      continue;
+    }
     ids.push_back(first);
     for (std::int64_t id = first + 1; id <= last; ++id)
       ids.push_back(id);
   }
   bits.seek(position);
-  if (!ascending) {
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  }
+  if (bitmap) ids = bitmap->ids();
 }
 
 // MaxVendorId, IsRangeEncoding, then a bit field or range entries.
