@@ -217,8 +217,10 @@ void appendSetBits(const SegmentBits& bits, std::int64_t start, std::int64_t len
   }
 }
 
-// The ids of a range section once its entries overlap or come out of order: a bit per possible
-// vendor id (16-bit fields), so repeated ranges cost neither memory nor sorting.
+constexpr std::size_t kVendorIdCount = 65536;  // vendor ids are 16-bit fields
+
+// The ids of a range section whose overlapping entries would repeat more ids than there are: a
+// bit per possible vendor id, so repeated ranges cost neither memory nor sorting.
 class VendorBitmap {
  public:
   explicit VendorBitmap(const std::vector<std::int64_t>& ids) {
@@ -251,7 +253,7 @@ class VendorBitmap {
   }
 
  private:
-  std::array<std::uint64_t, 1024> words_{};  // ids 0 to 65535
+  std::array<std::uint64_t, kVendorIdCount / 64> words_{};
 };
 
 [[gnu::cold]] void failOnRange(SegmentBits& bits, const char* section, std::int64_t first,
@@ -275,10 +277,9 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
                       std::vector<std::int64_t>& ids) {
   const auto entries = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
   ids.reserve(ids.size() + static_cast<std::size_t>(entries));  // at least one id per entry
-  // Entries in order without overlap append their ids; from the first that is not, a bitmap
-  // gathers them.
-  std::unique_ptr<VendorBitmap> bitmap;
+  bool sorted = true;  // entries so far are in order without overlap
   std::int64_t previousLast = 0;
+  std::unique_ptr<VendorBitmap> bitmap;
   // The position lives in a local while entries are read: stores of ids could otherwise alias it
   // and serialise the loop through memory.
   std::int64_t position = bits.position();
@@ -312,8 +313,14 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
       failOnRange(bits, section, first, last, isRange, startAt, endAt, maxId);
       return;
     }
-    if (!bitmap && first <= previousLast) bitmap = std::make_unique<VendorBitmap>(ids);
+    sorted = sorted && first > previousLast;
     previousLast = last;
+    // Out-of-order entries are sorted at the end, unless they pile up more ids than there are
+    // vendor ids: then the bitmap takes over.
+    if (!bitmap && !sorted &&
+        ids.size() + static_cast<std::size_t>(last - first) >= kVendorIdCount) {
+      bitmap = std::make_unique<VendorBitmap>(ids);
+    }
     if (bitmap) {
       bitmap->add(first, last);
       continue;
@@ -323,7 +330,12 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
       ids.push_back(id);
   }
   bits.seek(position);
-  if (bitmap) ids = bitmap->ids();
+  if (bitmap) {
+    ids = bitmap->ids();
+  } else if (!sorted) {
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  }
 }
 
 // MaxVendorId, IsRangeEncoding, then a bit field or range entries.
