@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+/// Both operations are pure and safe to call from any thread.
 namespace quillet::Text {
 
 /// The first `count` user-perceived characters (Unicode extended grapheme clusters) of a UTF-8
