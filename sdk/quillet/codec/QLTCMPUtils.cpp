@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <charconv>
 #include <chrono>
 #include <ratio>
 #include <unordered_set>
@@ -126,17 +125,6 @@ bool isWhiteSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-std::optional<std::int64_t> parseInteger(std::string_view text) {
-  if (!text.empty() && text.front() == '+') {
-    text.remove_prefix(1);
-    if (!text.empty() && text.front() == '-') return std::nullopt;
-  }
-  std::int64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
-  return value;
-}
-
 }  // namespace
 
 std::string encodeTCString(const TCStringInput& input, const Clock& clock) {
@@ -224,7 +212,7 @@ std::vector<std::int64_t> parseCSV(std::string_view text) {
       piece.remove_prefix(1);
     while (!piece.empty() && isWhiteSpace(piece.back()))
       piece.remove_suffix(1);
-    if (const auto id = parseInteger(piece)) ids.push_back(*id);
+    if (const auto id = Text::parseInteger(piece)) ids.push_back(*id);
     start = end + 1;
   }
   return ids;

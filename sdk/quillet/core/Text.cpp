@@ -1,6 +1,7 @@
 #include "quillet/core/Text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <memory>
 #include <vector>
 
@@ -101,6 +102,17 @@ std::string uppercased(std::string_view utf8) {
   if (U_FAILURE(status)) fatalError("ICU upper-case mapping failed");
   upper.resize(static_cast<std::size_t>(length));
   return toUtf8(upper);
+}
+
+std::optional<std::int64_t> parseInteger(std::string_view text) noexcept {
+  if (!text.empty() && text.front() == '+') {
+    text.remove_prefix(1);
+    if (!text.empty() && text.front() == '-') return std::nullopt;
+  }
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
 }
 
 }  // namespace quillet::Text

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,5 +17,10 @@ std::string prefixCharacters(std::string_view utf8, std::size_t count);
 /// The full Unicode upper-case mapping of a UTF-8 text, independent of any locale ("ß" becomes
 /// "SS", "ǆ" becomes "Ǆ"). An ill-formed UTF-8 sequence becomes U+FFFD.
 std::string uppercased(std::string_view utf8);
+
+/// A signed decimal integer written as the whole text, with an optional leading "+" or "-"
+/// ("7", "+7", "-7", "007"); absent for anything else: empty text, white space, other
+/// characters, or a value outside the signed 64-bit range.
+std::optional<std::int64_t> parseInteger(std::string_view text) noexcept;
 
 }  // namespace quillet::Text
