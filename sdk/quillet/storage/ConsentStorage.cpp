@@ -1,0 +1,140 @@
+#include "quillet/storage/ConsentStorage.h"
+
+#include <cmath>
+#include <mutex>
+
+#include <boost/json/serialize.hpp>
+
+#include "quillet/core/QltLog.h"
+#include "quillet/model/Json.h"
+#include "quillet/storage/MemoryKeyValueStore.h"
+#include "quillet/storage/SqliteKeyValueStore.h"
+#include "quillet/storage/StorageKeys.h"
+
+namespace quillet::ConsentStorage {
+namespace {
+
+struct Installed {
+  std::mutex mutex;
+  std::shared_ptr<KeyValueStore> store;
+};
+
+Installed& installed() {
+  static Installed instance;
+  return instance;
+}
+
+std::shared_ptr<KeyValueStore> openDefault() {
+  auto opened = SqliteKeyValueStore::open();
+  if (opened) return std::move(opened).value();
+  QltLog::e("KeyValueStore",
+            [&] { return opened.error() + "; keeping consent in memory for this run"; });
+  return std::make_shared<MemoryKeyValueStore>();
+}
+
+bool representable(const boost::json::value& value) {
+  switch (value.kind()) {
+    case boost::json::kind::double_:
+      return std::isfinite(value.get_double());
+    case boost::json::kind::array:
+      for (const auto& element : value.get_array()) {
+        if (!representable(element)) return false;
+      }
+      return true;
+    case boost::json::kind::object:
+      for (const auto& member : value.get_object()) {
+        if (!representable(member.value())) return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<KeyValueStore> store() {
+  Installed& state = installed();
+  std::lock_guard lock(state.mutex);
+  if (!state.store) state.store = openDefault();
+  return state.store;
+}
+
+void setStore(std::shared_ptr<KeyValueStore> store) {
+  Installed& state = installed();
+  std::lock_guard lock(state.mutex);
+  state.store = std::move(store);
+}
+
+void saveConsent(bool consent, const std::optional<std::string>& tcString) {
+  const auto kv = store();
+  kv->set(StorageKeys::consent, consent);
+  if (tcString) {
+    kv->set(StorageKeys::tcString, *tcString);
+  } else {
+    kv->remove(StorageKeys::tcString);
+  }
+  kv->synchronize();
+}
+
+bool getConsent() {
+  return store()->readBool(StorageKeys::consent);
+}
+
+std::optional<std::string> getTCString() {
+  const auto value = store()->get(StorageKeys::tcString);
+  if (!value) return std::nullopt;
+  if (const std::string* text = value->get<std::string>()) return *text;
+  return std::nullopt;
+}
+
+void saveGVL(const boost::json::object& gvl) {
+  for (const auto& member : gvl) {
+    if (!representable(member.value())) return;
+  }
+  const std::string text = boost::json::serialize(gvl);
+  const auto kv = store();
+  kv->set(StorageKeys::gvlJson, Bytes(text.begin(), text.end()));
+  kv->synchronize();
+}
+
+std::optional<boost::json::object> loadGVL() {
+  const auto bytes = store()->readBytes(StorageKeys::gvlJson);
+  if (!bytes) return std::nullopt;
+  auto document =
+      Json::parse(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+  if (!document || !document->is_object()) return std::nullopt;
+  return std::move(document->get_object());
+}
+
+std::int64_t getConfigVersion() {
+  return store()->readInteger(StorageKeys::configVersion);
+}
+
+void setConfigVersion(std::int64_t version) {
+  const auto kv = store();
+  kv->set(StorageKeys::configVersion, version);
+  kv->synchronize();
+}
+
+std::int64_t getVendorListVersion() {
+  return store()->readInteger(StorageKeys::vendorListVersion);
+}
+
+void setVendorListVersion(std::int64_t version) {
+  const auto kv = store();
+  kv->set(StorageKeys::vendorListVersion, version);
+  kv->synchronize();
+}
+
+void resetConsent() {
+  const auto kv = store();
+  for (const std::string_view key :
+       {StorageKeys::consent, StorageKeys::tcString, StorageKeys::gvlJson,
+        StorageKeys::configVersion, StorageKeys::vendorListVersion}) {
+    kv->remove(key);
+  }
+  kv->synchronize();
+}
+
+}  // namespace quillet::ConsentStorage

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "quillet/storage/StoreValue.h"
+
+namespace quillet {
+
+/// The application's persistent key-value store (the platform's user defaults). Implementations
+/// are safe to use from several threads at once; a write is visible to every reader as soon as
+/// `set` or `remove` returns.
+class KeyValueStore {
+ public:
+  virtual ~KeyValueStore() = default;
+
+  /// The value under `key`, or nothing.
+  virtual std::optional<StoreValue> get(std::string_view key) const = 0;
+  virtual void set(std::string_view key, StoreValue value) = 0;
+  virtual void remove(std::string_view key) = 0;
+  /// Returns once every earlier write is durable (survives a crash of the process and of the
+  /// machine). False when that could not be done; the error is logged.
+  virtual bool synchronize() = 0;
+
+  // Typed readers with the platform store's conversions.
+
+  /// True for a stored true, a non-zero number, or the text "true", "YES" or "1" in any case.
+  bool readBool(std::string_view key) const;
+  /// A stored integer; a floating-point number truncated toward zero (0 out of range); a boolean
+  /// as 0 or 1; a text that is a whole decimal number; else 0.
+  std::int64_t readInteger(std::string_view key) const;
+  /// A stored text, or a number's decimal form; else nothing.
+  std::optional<std::string> readString(std::string_view key) const;
+  /// Stored bytes only.
+  std::optional<Bytes> readBytes(std::string_view key) const;
+  /// A stored dictionary only.
+  std::optional<StoreValue::Dictionary> readDictionary(std::string_view key) const;
+};
+
+}  // namespace quillet

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <map>
+#include <shared_mutex>
+#include <string>
+
+#include "quillet/storage/KeyValueStore.h"
+
+namespace quillet {
+
+/// A key-value store in memory: for tests and for hosts that keep nothing on disk. Nothing
+/// outlives the object; `synchronize` has nothing to do and returns true.
+class MemoryKeyValueStore final : public KeyValueStore {
+ public:
+  std::optional<StoreValue> get(std::string_view key) const override;
+  void set(std::string_view key, StoreValue value) override;
+  void remove(std::string_view key) override;
+  bool synchronize() override { return true; }
+
+ private:
+  mutable std::shared_mutex mutex_;
+  std::map<std::string, StoreValue, std::less<>> values_;
+};
+
+}  // namespace quillet

@@ -1,0 +1,265 @@
+#include <chrono>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "quillet/core/QltLog.h"
+#include "quillet/storage/SqliteKeyValueStore.h"
+
+#include "support/RecordingLogSink.h"
+#include "support/TempDirectory.h"
+
+extern char** environ;
+
+namespace quillet {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A child process running the store tool, with its standard output on a pipe.
+class Child {
+ public:
+  explicit Child(std::vector<std::string> args) {
+    int pipeEnds[2];
+    if (pipe(pipeEnds) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
+    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
+    posix_spawn_file_actions_addclose(&actions, pipeEnds[1]);
+    args.insert(args.begin(), QUILLET_STORE_TOOL);
+    std::vector<char*> argv;
+    for (auto& arg : args)
+      argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(pipeEnds[1]);
+    output_ = pipeEnds[0];
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (output_ >= 0) close(output_);
+  }
+
+  // Waits for the child and returns its exit status (128 + signal when killed).
+  int wait() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  void killNow() { kill(pid_, SIGKILL); }
+  // Everything the child wrote, up to its end.
+  std::string output() {
+    std::string text;
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = read(output_, buffer, sizeof buffer)) > 0)
+      text.append(buffer, static_cast<std::size_t>(n));
+    return text;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int output_ = -1;
+};
+
+std::shared_ptr<SqliteKeyValueStore> openStore(const std::filesystem::path& path) {
+  auto opened = SqliteKeyValueStore::open(path);
+  EXPECT_TRUE(opened) << opened.error();
+  return opened ? std::move(opened).value() : nullptr;
+}
+
+std::string integrityCheck(const std::filesystem::path& path) {
+  sqlite3* db = nullptr;
+  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  std::string result;
+  sqlite3_exec(
+      db, "PRAGMA integrity_check",
+      [](void* out, int, char** values, char**) {
+        static_cast<std::string*>(out)->append(values[0] != nullptr ? values[0] : "");
+        return 0;
+      },
+      &result, nullptr);
+  sqlite3_close(db);
+  return result;
+}
+
+void execute(const std::filesystem::path& path, const char* sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+std::vector<std::filesystem::path> setAsideFiles(const std::filesystem::path& directory) {
+  std::vector<std::filesystem::path> found;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    if (entry.path().filename().string().find(".unusable-") != std::string::npos &&
+        entry.path().filename().string().find("-wal") == std::string::npos &&
+        entry.path().filename().string().find("-shm") == std::string::npos) {
+      found.push_back(entry.path());
+    }
+  }
+  return found;
+}
+
+TEST(SqliteKeyValueStore, ValuesSurviveARestartOfTheProcess) {
+  const testing::TempDirectory directory;
+  const auto path = directory / "nested" / "dirs" / "store.sqlite";
+  Child writer({"write", path.string()});
+  ASSERT_EQ(writer.wait(), 0);
+
+  const auto store = openStore(path);
+  ASSERT_TRUE(store);
+  EXPECT_EQ(store->get("bool"), StoreValue(true));
+  EXPECT_EQ(store->get("integer"), StoreValue(-42));
+  EXPECT_EQ(store->get("double"), StoreValue(2.5));
+  EXPECT_EQ(store->get("text"), StoreValue("Grüße"));
+  EXPECT_EQ(store->get("bytes"), StoreValue(Bytes{0, 1, 255}));
+  EXPECT_EQ(store->readDictionary("dictionary"),
+            (StoreValue::Dictionary{{"1", StoreValue::Dictionary{{"755", true}}}}));
+
+  // And the other way round, while this process keeps the store open.
+  store->set("text", "from the test");
+  Child reader({"get", path.string(), "text"});
+  EXPECT_EQ(reader.output(), "from the test\n");
+  EXPECT_EQ(reader.wait(), 0);
+}
+
+TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrupts) {
+  const testing::TempDirectory directory;
+  const auto path = directory / "store.sqlite";
+  std::mt19937 random(20261122);
+  std::int64_t synchronisedInAll = 0;
+  for (int round = 0; round < 200; ++round) {
+    Child hammer({"hammer", path.string(), std::to_string(round)});
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
+    hammer.killNow();
+    const std::string output = hammer.output();
+    EXPECT_EQ(hammer.wait(), 128 + SIGKILL);
+
+    // Every number printed was synchronised before it was printed.
+    std::int64_t lastPrinted = 0;
+    std::size_t start = 0;
+    for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
+      lastPrinted = std::stoll(output.substr(start, end - start));
+    }
+    synchronisedInAll += lastPrinted;
+    ASSERT_EQ(integrityCheck(path), "ok") << "round " << round;
+    const auto store = openStore(path);
+    ASSERT_TRUE(store);
+    const std::int64_t base = round * std::int64_t{1000000};
+    for (std::int64_t i = 1; i <= lastPrinted; ++i) {
+      ASSERT_EQ(store->readInteger("k" + std::to_string(i)), base + i) << "round " << round;
+    }
+    if (lastPrinted > 0) {
+      EXPECT_GE(store->readInteger("last"), base + lastPrinted);
+    }
+  }
+  // The test means something only if the children got to write.
+  EXPECT_GT(synchronisedInAll, 200);
+}
+
+class StoreRecovery : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QltLog::setSink(log_);
+    QltLog::setEnabled(true);
+  }
+  void TearDown() override {
+    QltLog::setEnabled(false);
+    QltLog::setSink(nullptr);
+  }
+  // Opens the store at `path_`, which must start fresh after setting the old file aside.
+  void expectSetAside(const std::string& reason) {
+    const auto store = openStore(path_);
+    ASSERT_TRUE(store);
+    EXPECT_EQ(store->get("anything"), std::nullopt);
+    store->set("fresh", true);
+    EXPECT_TRUE(store->readBool("fresh"));
+    ASSERT_EQ(setAsideFiles(directory_.path()).size(), 1U);
+    ASSERT_EQ(log_->lines().size(), 1U);
+    EXPECT_THAT(log_->lines()[0], HasSubstr("[ERROR] [QLT-CMP:KeyValueStore] The store at "));
+    EXPECT_THAT(log_->lines()[0], HasSubstr(reason));
+    EXPECT_THAT(log_->lines()[0], HasSubstr(setAsideFiles(directory_.path())[0].string()));
+  }
+
+  testing::TempDirectory directory_;
+  std::filesystem::path path_ = directory_ / "store.sqlite";
+  std::shared_ptr<testing::RecordingLogSink> log_ = std::make_shared<testing::RecordingLogSink>();
+};
+
+TEST_F(StoreRecovery, AGarbageFileIsSetAsideUnchanged) {
+  std::string garbage(8192, '\0');
+  std::mt19937 random(3);
+  for (char& c : garbage)
+    c = static_cast<char>(random());
+  std::ofstream(path_, std::ios::binary) << garbage;
+  expectSetAside("file is not a database");
+  std::ifstream aside(setAsideFiles(directory_.path())[0], std::ios::binary);
+  const std::string kept((std::istreambuf_iterator<char>(aside)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(kept, garbage);
+}
+
+TEST_F(StoreRecovery, AForeignDatabaseIsSetAside) {
+  execute(path_, "CREATE TABLE contacts (name TEXT); INSERT INTO contacts VALUES ('Ada');");
+  expectSetAside("not a QuilletSDK store");
+}
+
+TEST_F(StoreRecovery, ANewerSchemaIsSetAsideNotOverwritten) {
+  openStore(path_)->set("kept", "by a newer version");
+  execute(path_, "PRAGMA user_version = 2");
+  expectSetAside("schema version 2 is newer than 1");
+  auto aside = SqliteKeyValueStore::open(setAsideFiles(directory_.path())[0]);
+  EXPECT_FALSE(aside.ok() && aside.value()->get("kept").has_value());  // still version 2
+}
+
+TEST_F(StoreRecovery, AnEmptyFileIsANewStore) {
+  std::ofstream(path_).close();
+  const auto store = openStore(path_);
+  ASSERT_TRUE(store);
+  store->set("x", 1);
+  EXPECT_TRUE(setAsideFiles(directory_.path()).empty());
+  EXPECT_TRUE(log_->lines().empty());
+}
+
+TEST_F(StoreRecovery, APathThatCannotHoldAStoreIsAnErrorNotACrash) {
+  std::filesystem::create_directories(path_);  // a directory where the file should be
+  const auto opened = SqliteKeyValueStore::open(path_);
+  ASSERT_FALSE(opened);
+  EXPECT_THAT(opened.error(), HasSubstr(path_.string()));
+  std::ofstream(directory_ / "plain-file").close();
+  EXPECT_FALSE(SqliteKeyValueStore::open(directory_ / "plain-file" / "store.sqlite"));
+}
+
+TEST(SqliteKeyValueStore, DefaultPathFollowsXdgDataHome) {
+  const char* saved = std::getenv("XDG_DATA_HOME");
+  const std::string restore = saved != nullptr ? saved : "";
+  setenv("XDG_DATA_HOME", "/data/home", 1);
+  EXPECT_EQ(SqliteKeyValueStore::defaultPath(), "/data/home/quillet/store.sqlite");
+  setenv("XDG_DATA_HOME", "relative/ignored", 1);
+  EXPECT_EQ(SqliteKeyValueStore::defaultPath().filename(), "store.sqlite");
+  EXPECT_THAT(SqliteKeyValueStore::defaultPath().string(), HasSubstr("/.local/share/quillet/"));
+  if (saved != nullptr) {
+    setenv("XDG_DATA_HOME", restore.c_str(), 1);
+  } else {
+    unsetenv("XDG_DATA_HOME");
+  }
+}
+
+}  // namespace
+}  // namespace quillet
