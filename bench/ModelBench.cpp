@@ -1,0 +1,128 @@
+// The vendor list path at start-up: parsing the 763 KB real vendor list into purpose and vendor
+// records, caching it through the SQLite store and loading it back, and the memory the parsed
+// forms hold.
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <stdlib.h>
+
+#include "quillet/core/QltLog.h"
+#include "quillet/model/BrandingConfig.h"
+#include "quillet/model/Json.h"
+#include "quillet/model/PurposeModel.h"
+#include "quillet/model/VendorModel.h"
+#include "quillet/storage/ConsentStorage.h"
+#include "quillet/storage/SqliteKeyValueStore.h"
+
+namespace {
+
+using namespace quillet;
+
+const std::string& vendorListText() {
+  static const std::string text = [] {
+    std::ifstream file(QUILLET_TESTDATA_DIR "/gvl-v3-106.json", std::ios::binary);
+    if (!file) throw std::runtime_error("testdata/gvl-v3-106.json is missing");
+    std::ostringstream out;
+    out << file.rdbuf();
+    return out.str();
+  }();
+  return text;
+}
+
+struct Parsed {
+  std::vector<PurposeModel> purposes;
+  std::vector<VendorModel> vendors;
+};
+
+Parsed parseAll(const boost::json::object& gvl) {
+  const BrandingConfig config({});
+  return Parsed{PurposeModel::parse(gvl), VendorModel::parse(gvl, config)};
+}
+
+// Bytes from the file to purpose and vendor records, logging off.
+void ParseVendorList(benchmark::State& state) {
+  const std::string& text = vendorListText();
+  for (auto _ : state) {
+    auto document = Json::parse(text);
+    benchmark::DoNotOptimize(parseAll(document->get_object()));
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(ParseVendorList)->Unit(benchmark::kMillisecond);
+
+// The same with logging on into a sink that drops the lines: the cost of the messages that the
+// parsers build only while logging is on.
+class DiscardingSink final : public LogSink {
+ public:
+  void write(std::string_view) noexcept override {}
+};
+
+void ParseVendorListLoggingOn(benchmark::State& state) {
+  QltLog::setSink(std::make_shared<DiscardingSink>());
+  QltLog::setEnabled(true);
+  const std::string& text = vendorListText();
+  for (auto _ : state) {
+    auto document = Json::parse(text);
+    benchmark::DoNotOptimize(parseAll(document->get_object()));
+  }
+  QltLog::setEnabled(false);
+  QltLog::setSink(nullptr);
+}
+BENCHMARK(ParseVendorListLoggingOn)->Unit(benchmark::kMillisecond);
+
+void ModelsFromParsedJson(benchmark::State& state) {
+  const auto document = Json::parse(vendorListText());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(parseAll(document->get_object()));
+}
+BENCHMARK(ModelsFromParsedJson)->Unit(benchmark::kMillisecond);
+
+// saveGVL (serialise, store, synchronise) and loadGVL (read, parse) through the SQLite store.
+void SaveAndLoadVendorList(benchmark::State& state) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  const std::filesystem::path directory = pattern;
+  ConsentStorage::setStore(SqliteKeyValueStore::open(directory / "store.sqlite").value());
+  const auto document = Json::parse(vendorListText());
+  const boost::json::object& gvl = document->get_object();
+  for (auto _ : state) {
+    ConsentStorage::saveGVL(gvl);
+    benchmark::DoNotOptimize(ConsentStorage::loadGVL());
+  }
+  ConsentStorage::setStore(nullptr);
+  std::filesystem::remove_all(directory);
+}
+BENCHMARK(SaveAndLoadVendorList)->Unit(benchmark::kMillisecond);
+
+std::size_t heapInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+// Not a timing: the heap that holding the parsed vendor list costs, as counters.
+void MemoryOfParsedVendorList(benchmark::State& state) {
+  const std::string& text = vendorListText();
+  for (auto _ : state) {
+    malloc_trim(0);
+    const std::size_t before = heapInUse();
+    auto document = Json::parse(text);
+    const std::size_t afterJson = heapInUse();
+    Parsed parsed = parseAll(document->get_object());
+    const std::size_t afterModels = heapInUse();
+    state.counters["json_MB"] = static_cast<double>(afterJson - before) / 1e6;
+    state.counters["models_MB"] = static_cast<double>(afterModels - afterJson) / 1e6;
+    state.counters["models_x_file"] =
+        static_cast<double>(afterModels - afterJson) / static_cast<double>(text.size());
+    state.counters["json_and_models_x_file"] =
+        static_cast<double>(afterModels - before) / static_cast<double>(text.size());
+    benchmark::DoNotOptimize(parsed);
+  }
+}
+BENCHMARK(MemoryOfParsedVendorList)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
