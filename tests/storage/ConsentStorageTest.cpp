@@ -8,6 +8,7 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
+#include "support/ScopedEnvironment.h"
 #include "support/TempDirectory.h"
 #include "support/TestData.h"
 
@@ -99,20 +100,13 @@ INSTANTIATE_TEST_SUITE_P(Stores, ConsentStorageTest, ::testing::Values("memory",
 
 TEST(ConsentStorageDefault, OpensTheSqliteStoreAtTheDefaultPathOnFirstUse) {
   const testing::TempDirectory home;
-  const char* saved = std::getenv("XDG_DATA_HOME");
-  const std::string restore = saved != nullptr ? saved : "";
-  setenv("XDG_DATA_HOME", home.path().c_str(), 1);
+  const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", home.path().string());
   ConsentStorage::setStore(nullptr);
   ConsentStorage::saveConsent(true, "CQ-default");
   EXPECT_TRUE(std::filesystem::exists(home / "quillet/store.sqlite"));
   ConsentStorage::setStore(nullptr);  // a fresh open of the same file
   EXPECT_EQ(ConsentStorage::getTCString(), "CQ-default");
   ConsentStorage::setStore(nullptr);
-  if (saved != nullptr) {
-    setenv("XDG_DATA_HOME", restore.c_str(), 1);
-  } else {
-    unsetenv("XDG_DATA_HOME");
-  }
 }
 
 }  // namespace

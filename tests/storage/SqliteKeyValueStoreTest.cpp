@@ -16,6 +16,7 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 
 #include "support/RecordingLogSink.h"
+#include "support/ScopedEnvironment.h"
 #include "support/TempDirectory.h"
 
 extern char** environ;
@@ -247,18 +248,11 @@ TEST_F(StoreRecovery, APathThatCannotHoldAStoreIsAnErrorNotACrash) {
 }
 
 TEST(SqliteKeyValueStore, DefaultPathFollowsXdgDataHome) {
-  const char* saved = std::getenv("XDG_DATA_HOME");
-  const std::string restore = saved != nullptr ? saved : "";
-  setenv("XDG_DATA_HOME", "/data/home", 1);
+  testing::ScopedEnvironment dataHome("XDG_DATA_HOME", "/data/home");
   EXPECT_EQ(SqliteKeyValueStore::defaultPath(), "/data/home/quillet/store.sqlite");
-  setenv("XDG_DATA_HOME", "relative/ignored", 1);
+  dataHome.set("relative/ignored");
   EXPECT_EQ(SqliteKeyValueStore::defaultPath().filename(), "store.sqlite");
   EXPECT_THAT(SqliteKeyValueStore::defaultPath().string(), HasSubstr("/.local/share/quillet/"));
-  if (saved != nullptr) {
-    setenv("XDG_DATA_HOME", restore.c_str(), 1);
-  } else {
-    unsetenv("XDG_DATA_HOME");
-  }
 }
 
 }  // namespace
