@@ -1,14 +1,12 @@
 #include <chrono>
-#include <cmath>
 #include <iterator>
-#include <limits>
 #include <optional>
 #include <string_view>
 
-#include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 
 #include "quillet/codec/QLTCMPUtils.h"
+#include "quillet/model/Json.h"
 
 #include "Commands.h"
 
@@ -20,25 +18,9 @@ struct Refusal {
   std::string message;
 };
 
-std::optional<std::int64_t> exactInteger(const boost::json::value& value) {
-  if (value.is_int64()) return value.get_int64();
-  if (value.is_uint64()) {
-    const auto v = value.get_uint64();
-    if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-      return static_cast<std::int64_t>(v);
-    }
-    return std::nullopt;
-  }
-  if (value.is_double()) {
-    const double v = value.get_double();
-    if (std::trunc(v) == v && v >= -9.2e18 && v <= 9.2e18) return static_cast<std::int64_t>(v);
-  }
-  return std::nullopt;
-}
-
 std::int64_t integerMember(std::string_view name, const boost::json::value& value,
                            std::int64_t minimum, std::optional<Refusal>& refusal) {
-  const auto number = exactInteger(value);
+  const auto number = Json::exactInteger(&value);
   if (!number) {
     refusal = Refusal{std::string(name) + " must be an integer"};
     return 0;
@@ -58,7 +40,7 @@ std::vector<std::int64_t> idListMember(std::string_view name, const boost::json:
     return ids;
   }
   for (const auto& element : value.get_array()) {
-    const auto id = exactInteger(element);
+    const auto id = Json::exactInteger(&element);
     if (!id) {
       refusal = Refusal{std::string(name) + " must be an array of integers"};
       return ids;
@@ -164,18 +146,17 @@ std::optional<EncodeRequest> readRequest(const boost::json::object& object,
 
 int runEncode(std::istream& in, std::ostream& out, std::ostream& err) {
   const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  boost::system::error_code error;
-  const boost::json::value document = boost::json::parse(text, error);
-  if (error) {
-    err << "quillet encode: the input is not JSON: " << error.message() << '\n';
+  const std::optional<boost::json::value> document = Json::parse(text);
+  if (!document) {
+    err << "quillet encode: the input is not JSON\n";
     return 1;
   }
-  if (!document.is_object()) {
+  if (!document->is_object()) {
     err << "quillet encode: the input must be one JSON object\n";
     return 1;
   }
   std::optional<Refusal> refusal;
-  const auto request = readRequest(document.get_object(), refusal);
+  const auto request = readRequest(document->get_object(), refusal);
   if (!request) {
     err << "quillet encode: " << refusal->message << '\n';
     return 1;
