@@ -32,6 +32,7 @@ demo: build
 
 bench: build
 	./build/release/bench/codec_bench --benchmark_min_time=0.5
+	./build/release/bench/model_bench --benchmark_min_time=0.5
 
 format:
 	clang-format -i $(FORMAT_FILES)
