@@ -1,9 +1,9 @@
 #pragma once
 
-#include <stdlib.h>
-
 #include <optional>
 #include <string>
+
+#include <stdlib.h>
 
 namespace quillet::testing {
 
