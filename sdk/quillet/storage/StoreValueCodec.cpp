@@ -3,12 +3,6 @@
 #include <bit>
 #include <cstring>
 
-// GCC 12 reports members of a std::variant held in a std::optional as maybe uninitialised when
-// such optionals are returned from a switch (a known false positive).
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-
 namespace quillet::storeValueCodec {
 namespace {
 
