@@ -1,0 +1,169 @@
+#include "TestServer.h"
+
+#include <stdexcept>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace quillet::testing {
+namespace {
+
+int boundSocket(int backlog) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = 0;
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    throw std::runtime_error("cannot bind a loopback socket");
+  }
+  if (backlog > 0 && listen(fd, backlog) != 0) throw std::runtime_error("cannot listen");
+  return fd;
+}
+
+int portOf(int fd) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+TestServer::TestServer() {
+  // Enough workers for every connection a test opens at once, and short keep-alive so that idle
+  // connections give their worker back soon.
+  server_.new_task_queue = [] { return new httplib::ThreadPool(64); };
+  server_.set_keep_alive_timeout(1);
+  server_.Get(R"(/cdn/(.+))", [this](const httplib::Request& request, httplib::Response& response) {
+    record(request);
+    Reply reply;
+    bool found = false;
+    {
+      std::lock_guard lock(mutex_);
+      const auto it = replies_.find(request.matches[1]);
+      if (it != replies_.end()) {
+        reply = it->second;
+        found = true;
+      }
+    }
+    if (!found) {
+      response.status = 404;
+      response.set_content("<html><body><h1>404 Not Found</h1></body></html>", "text/html");
+      return;
+    }
+    switch (reply.kind) {
+      case Reply::Kind::body:
+        response.status = reply.status;
+        response.set_content(reply.body, reply.contentType);
+        break;
+      case Reply::Kind::cutOff: {
+        const std::string body = reply.body;
+        response.set_content_provider(
+            body.size(), reply.contentType,
+            [body](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+              if (offset > 0) return false;  // close with the rest missing
+              return sink.write(body.data(), body.size() / 2);
+            });
+        break;
+      }
+      case Reply::Kind::huge: {
+        const std::size_t size = reply.size;
+        response.set_content_provider(
+            size, "application/octet-stream",
+            [size](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+              static const std::string chunk(64 * 1024, 'x');
+              return sink.write(chunk.data(), std::min(chunk.size(), size - offset));
+            });
+        break;
+      }
+      case Reply::Kind::redirectLoop:
+        response.set_redirect(request.path, 302);
+        break;
+    }
+  });
+  const auto post = [this](const httplib::Request& request, httplib::Response& response) {
+    record(request);
+    int status = 200;
+    {
+      std::lock_guard lock(mutex_);
+      const auto it = postStatus_.find(request.matches[1]);
+      if (it != postStatus_.end()) status = it->second;
+    }
+    response.status = status;
+    response.set_content("{}", "application/json");
+  };
+  server_.Post(R"(/api/(.+))", post);
+  port_ = server_.bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) throw std::runtime_error("the test server could not bind");
+  thread_ = std::thread([this] { server_.listen_after_bind(); });
+  while (!server_.is_running())
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TestServer::~TestServer() {
+  server_.stop();
+  thread_.join();
+}
+
+void TestServer::reply(const std::string& cdnPath, Reply reply) {
+  std::lock_guard lock(mutex_);
+  replies_[cdnPath] = std::move(reply);
+}
+
+void TestServer::replyToPost(const std::string& apiPath, int status) {
+  std::lock_guard lock(mutex_);
+  postStatus_[apiPath] = status;
+}
+
+void TestServer::record(const httplib::Request& request) {
+  RecordedRequest recorded{request.method, request.path, request.body, {}};
+  for (const auto& [name, value] : request.headers)
+    recorded.headers.emplace(name, value);
+  {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(std::move(recorded));
+  }
+  arrived_.notify_all();
+}
+
+std::vector<RecordedRequest> TestServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::size_t TestServer::count(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  std::size_t n = 0;
+  for (const auto& request : requests_)
+    n += request.path == path ? 1 : 0;
+  return n;
+}
+
+bool TestServer::waitFor(const std::string& path, std::size_t n,
+                         std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return arrived_.wait_for(lock, timeout, [&] {
+    std::size_t seen = 0;
+    for (const auto& request : requests_)
+      seen += request.path == path ? 1 : 0;
+    return seen >= n;
+  });
+}
+
+int closedPort() {
+  const int fd = boundSocket(0);
+  const int port = portOf(fd);
+  close(fd);
+  return port;
+}
+
+SilentServer::SilentServer() : socket_(boundSocket(16)), port_(portOf(socket_)) {}
+
+SilentServer::~SilentServer() {
+  close(socket_);
+}
+
+}  // namespace quillet::testing
