@@ -33,6 +33,8 @@ demo: build
 bench: build
 	./build/release/bench/codec_bench --benchmark_min_time=0.5
 	./build/release/bench/model_bench --benchmark_min_time=0.5
+	./build/release/bench/network_bench --benchmark_min_time=1 --benchmark_repetitions=5 \
+	  --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
 
 format:
 	clang-format -i $(FORMAT_FILES)
