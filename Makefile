@@ -13,7 +13,8 @@ build: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-# Release and AddressSanitizer + UndefinedBehaviorSanitizer builds, every test in both.
+# Release, AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer builds, every test
+# in each.
 test: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
@@ -21,6 +22,9 @@ test: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(JOBS)
 
 tsan: deps
 	cmake --preset tsan
