@@ -30,28 +30,7 @@ std::vector<std::int64_t> idsOf(const auto& records) {
   return ids;
 }
 
-// Turns logging on into a recording sink for the life of the object.
-class LogCapture {
- public:
-  LogCapture() {
-    QltLog::setSink(sink_);
-    QltLog::setEnabled(true);
-  }
-  ~LogCapture() {
-    QltLog::setEnabled(false);
-    QltLog::setSink(nullptr);
-  }
-  // Each line without its timestamp.
-  std::vector<std::string> lines() const {
-    std::vector<std::string> out;
-    for (const auto& line : sink_->lines())
-      out.push_back(line.substr(line.find("] ") + 2));
-    return out;
-  }
-
- private:
-  std::shared_ptr<testing::RecordingLogSink> sink_ = std::make_shared<testing::RecordingLogSink>();
-};
+using testing::LogCapture;
 
 struct RealList {
   const char* file;

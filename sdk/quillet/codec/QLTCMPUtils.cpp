@@ -224,6 +224,17 @@ bool allPurposesGiven(std::span<const std::int64_t> user, std::span<const std::i
                      [&](std::int64_t id) { return given.contains(id); });
 }
 
+bool canDecodeTCString(std::string_view text) {
+  // Every field before MaxVendorId has its standard width once 229 bits are there.
+  constexpr std::int64_t kMaxVendorIdAt = 6 + 36 + 36 + 62 + 12 + 24 + 24 + 13;
+  const std::optional<Bytes> bytes = fromBase64Url(text);
+  if (!bytes) return true;
+  BitReader reader(*bytes);
+  if (reader.remainingBits() < 6) return true;
+  reader.skip(kMaxVendorIdAt);
+  return reader.readUInt(16).value_or(0) != 0;
+}
+
 std::optional<DecodedTCString> decodeTCString(std::string_view text) {
   const std::optional<Bytes> bytes = fromBase64Url(text);
   if (!bytes) return std::nullopt;

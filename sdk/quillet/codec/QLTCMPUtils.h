@@ -95,4 +95,10 @@ struct DecodedTCString {
 /// no ids. Stops the process when that MaxVendorId is 0 or missing.
 std::optional<DecodedTCString> decodeTCString(std::string_view text);
 
+/// Whether `decodeTCString(text)` returns (with a result or nothing) rather than stopping the
+/// process: false exactly when the text decodes to 6 or more bits but has no MaxVendorId field
+/// (fewer than 229 bits) or that field is 0. Lets callers that take strings from outside treat
+/// such text as undecodable.
+bool canDecodeTCString(std::string_view text);
+
 }  // namespace quillet::QLTCMPUtils

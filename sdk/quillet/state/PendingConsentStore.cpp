@@ -1,0 +1,162 @@
+#include "quillet/state/PendingConsentStore.h"
+
+#include "quillet/core/QltLog.h"
+#include "quillet/state/PurposeConsentStore.h"
+#include "quillet/state/SpecialFeatureConsentStore.h"
+#include "quillet/state/VendorConsentStore.h"
+
+namespace quillet {
+
+PendingConsentStore& PendingConsentStore::shared() {
+  static PendingConsentStore* const instance = new PendingConsentStore();
+  return *instance;
+}
+
+void PendingConsentStore::logSpecialFeatureConsent() const {
+  QltLog::d("PendingConsentStore", [this] {
+    std::lock_guard lock(mutex_);
+    return "specialFeatureConsent changed: " + describe(specialFeatureConsent_);
+  });
+}
+
+ConsentFlags PendingConsentStore::vendorConsent() const {
+  std::lock_guard lock(mutex_);
+  return vendorConsent_;
+}
+void PendingConsentStore::setVendorConsent(ConsentFlags flags) {
+  std::lock_guard lock(mutex_);
+  vendorConsent_ = std::move(flags);
+}
+void PendingConsentStore::setVendorConsent(std::int64_t vendorId, bool on) {
+  std::lock_guard lock(mutex_);
+  vendorConsent_[vendorId] = on;
+}
+
+ConsentFlags PendingConsentStore::purposeConsent() const {
+  std::lock_guard lock(mutex_);
+  return purposeConsent_;
+}
+void PendingConsentStore::setPurposeConsent(ConsentFlags flags) {
+  std::lock_guard lock(mutex_);
+  purposeConsent_ = std::move(flags);
+}
+void PendingConsentStore::setPurposeConsent(std::int64_t purposeId, bool on) {
+  std::lock_guard lock(mutex_);
+  purposeConsent_[purposeId] = on;
+}
+
+NestedConsentFlags PendingConsentStore::liPurposeConsent() const {
+  std::lock_guard lock(mutex_);
+  return liPurposeConsent_;
+}
+void PendingConsentStore::setLiPurposeConsent(NestedConsentFlags flags) {
+  std::lock_guard lock(mutex_);
+  liPurposeConsent_ = std::move(flags);
+}
+void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, ConsentFlags purposes) {
+  std::lock_guard lock(mutex_);
+  liPurposeConsent_[vendorId] = std::move(purposes);
+}
+void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, std::int64_t purposeId,
+                                              bool on) {
+  std::lock_guard lock(mutex_);
+  liPurposeConsent_[vendorId][purposeId] = on;
+}
+
+NestedConsentFlags PendingConsentStore::specialFeatureConsent() const {
+  std::lock_guard lock(mutex_);
+  return specialFeatureConsent_;
+}
+void PendingConsentStore::setSpecialFeatureConsent(NestedConsentFlags flags) {
+  {
+    std::lock_guard lock(mutex_);
+    specialFeatureConsent_ = std::move(flags);
+  }
+  logSpecialFeatureConsent();
+}
+void PendingConsentStore::setSpecialFeatureConsent(std::int64_t featureId, std::int64_t vendorId,
+                                                   bool isOn) {
+  {
+    std::lock_guard lock(mutex_);
+    specialFeatureConsent_[featureId][vendorId] = isOn;
+  }
+  logSpecialFeatureConsent();
+}
+bool PendingConsentStore::specialFeatureConsent(std::int64_t featureId,
+                                                std::int64_t vendorId) const {
+  std::lock_guard lock(mutex_);
+  const auto feature = specialFeatureConsent_.find(featureId);
+  if (feature == specialFeatureConsent_.end()) return false;
+  const auto vendor = feature->second.find(vendorId);
+  return vendor != feature->second.end() && vendor->second;
+}
+
+ConsentFlags PendingConsentStore::specialFeatureMaster() const {
+  std::lock_guard lock(mutex_);
+  return specialFeatureMaster_;
+}
+void PendingConsentStore::setSpecialFeatureMaster(ConsentFlags flags) {
+  std::lock_guard lock(mutex_);
+  specialFeatureMaster_ = std::move(flags);
+}
+void PendingConsentStore::setSpecialFeatureMaster(std::int64_t featureId, bool on) {
+  std::lock_guard lock(mutex_);
+  specialFeatureMaster_[featureId] = on;
+}
+
+void PendingConsentStore::reset(std::span<const std::int64_t> purposes,
+                                std::span<const std::int64_t> vendors,
+                                std::span<const std::int64_t> specialFeatures) {
+  {
+    std::lock_guard lock(mutex_);
+    purposeConsent_.clear();
+    vendorConsent_.clear();
+    specialFeatureMaster_.clear();
+    specialFeatureConsent_.clear();
+  }
+  logSpecialFeatureConsent();
+  {
+    std::lock_guard lock(mutex_);
+    liPurposeConsent_.clear();  // stays empty: legitimate interests are not pre-filled
+    for (const auto id : purposes)
+      purposeConsent_[id] = false;
+    for (const auto id : vendors)
+      vendorConsent_[id] = false;
+  }
+  for (const auto feature : specialFeatures) {
+    {
+      std::lock_guard lock(mutex_);
+      specialFeatureMaster_[feature] = false;
+      specialFeatureConsent_[feature] = ConsentFlags{};
+    }
+    logSpecialFeatureConsent();
+    for (const auto vendor : vendors) {
+      {
+        std::lock_guard lock(mutex_);
+        specialFeatureConsent_[feature][vendor] = false;
+      }
+      logSpecialFeatureConsent();
+    }
+  }
+}
+
+void PendingConsentStore::load(const VendorConsentStore& vendorStore,
+                               const PurposeConsentStore& purposeStore,
+                               const SpecialFeatureConsentStore& specialFeatureStore) {
+  ConsentFlags vendors = vendorStore.states();
+  ConsentFlags purposes = purposeStore.states();
+  NestedConsentFlags features = specialFeatureStore.vendorStates();
+  ConsentFlags masters = specialFeatureStore.masterStates();
+  {
+    std::lock_guard lock(mutex_);
+    vendorConsent_ = std::move(vendors);
+    purposeConsent_ = std::move(purposes);
+    liPurposeConsent_.clear();
+    specialFeatureConsent_ = std::move(features);
+  }
+  logSpecialFeatureConsent();
+  std::lock_guard lock(mutex_);
+  specialFeatureMaster_ = std::move(masters);
+}
+
+}  // namespace quillet

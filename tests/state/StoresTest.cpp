@@ -1,0 +1,269 @@
+#include <atomic>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "quillet/core/QltLog.h"
+#include "quillet/state/NotificationCenter.h"
+#include "quillet/state/NotificationNames.h"
+#include "quillet/state/PendingConsentStore.h"
+#include "quillet/state/PurposeConsentStore.h"
+#include "quillet/state/SpecialFeatureConsentStore.h"
+#include "quillet/state/VendorConsentStore.h"
+#include "quillet/storage/ConsentStorage.h"
+#include "quillet/storage/MemoryKeyValueStore.h"
+#include "quillet/storage/StorageKeys.h"
+
+#include "support/RecordingLogSink.h"
+
+namespace quillet {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+TEST(NotificationCenter, DeliversInOrderOnThePostingThreadUntilTheTokenGoes) {
+  NotificationCenter center;
+  std::vector<std::string> seen;
+  auto first = center.addObserver("n", [&](const Notification& n) {
+    seen.push_back("first " + std::to_string(*n.integer("id")) +
+                   (*n.boolean("on") ? " on" : " off"));
+  });
+  auto second = center.addObserver("n", [&](const Notification&) { seen.push_back("second"); });
+  auto other = center.addObserver("other", [&](const Notification&) { seen.push_back("other"); });
+  center.post("n", {{"id", std::int64_t{7}}, {"on", true}});
+  first.reset();
+  center.post("n", {{"id", std::int64_t{8}}, {"on", false}});
+  EXPECT_THAT(seen, ElementsAre("first 7 on", "second", "second"));
+  const Notification probe{"x", {{"id", std::int64_t{1}}}};
+  EXPECT_EQ(probe.boolean("id"), std::nullopt);  // an integer is not a boolean
+  EXPECT_EQ(probe.integer("missing"), std::nullopt);
+}
+
+TEST(NotificationCenter, ObserversMayPostAndUnsubscribeFromTheirOwnCallback) {
+  NotificationCenter center;
+  int outer = 0;
+  int inner = 0;
+  NotificationCenter::Token self;
+  self = center.addObserver("outer", [&](const Notification&) {
+    ++outer;
+    center.post("inner");
+    self.reset();  // unsubscribes while running
+  });
+  auto innerToken = center.addObserver("inner", [&](const Notification&) { ++inner; });
+  center.post("outer");
+  center.post("outer");
+  EXPECT_EQ(outer, 1);
+  EXPECT_EQ(inner, 1);
+}
+
+TEST(NotificationCenter, ManyThreadsPostAndSubscribeAtOnce) {
+  NotificationCenter center;
+  std::atomic<int> delivered{0};
+  auto token = center.addObserver("n", [&](const Notification&) { ++delivered; });
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 500; ++i) {
+        center.post("n");
+        auto transient = center.addObserver("n", [](const Notification&) {});
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(delivered.load(), 2000);
+}
+
+// Records every store notification on the default centre as text.
+class Announcements {
+ public:
+  Announcements() {
+    auto& center = NotificationCenter::defaultCenter();
+    for (const std::string_view name :
+         {NotificationNames::purposeConsentChanged, NotificationNames::vendorConsentChanged,
+          NotificationNames::specialFeatureMasterChanged,
+          NotificationNames::specialFeatureVendorChanged}) {
+      tokens_.push_back(center.addObserver(std::string(name), [this](const Notification& n) {
+        std::string line = n.name;
+        for (const auto& [key, value] : n.userInfo) {
+          line +=
+              " " + key + "=" +
+              (std::holds_alternative<bool>(value) ? (std::get<bool>(value) ? "true" : "false")
+                                                   : std::to_string(std::get<std::int64_t>(value)));
+        }
+        std::lock_guard lock(mutex_);
+        lines_.push_back(line);
+      }));
+    }
+  }
+  std::vector<std::string> take() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(lines_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+  std::vector<NotificationCenter::Token> tokens_;
+};
+
+// The stores are process-wide: every test starts them empty, on a store in memory.
+class ConsentStores : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ConsentStorage::setStore(store_);
+    PurposeConsentStore::shared().replaceStates({});
+    VendorConsentStore::shared().replaceStates({});
+    SpecialFeatureConsentStore::shared().replaceMasterStates({});
+    SpecialFeatureConsentStore::shared().replaceVendorStates({});
+    PendingConsentStore::shared().reset({}, {}, {});
+    announced_.take();
+  }
+  void TearDown() override { ConsentStorage::setStore(nullptr); }
+
+  std::shared_ptr<MemoryKeyValueStore> store_ = std::make_shared<MemoryKeyValueStore>();
+  Announcements announced_;
+};
+
+TEST_F(ConsentStores, PendingResetSwitchesEverythingOffButLeavesLegitimateInterestEmpty) {
+  PendingConsentStore& pending = PendingConsentStore::shared();
+  pending.setLiPurposeConsent(8, 2, true);
+  const std::vector<std::int64_t> purposes{1, 2, 2}, vendors{8, 755}, features{1};
+  pending.reset(purposes, vendors, features);
+  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, false}, {2, false}}));
+  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, false}, {755, false}}));
+  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{1, false}}));
+  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{1, {{8, false}, {755, false}}}}));
+  EXPECT_THAT(pending.liPurposeConsent(), IsEmpty());
+
+  pending.reset({}, {}, features);  // features without vendors: an empty inner map
+  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{1, {}}}));
+  EXPECT_FALSE(pending.specialFeatureConsent(1, 8));
+  EXPECT_FALSE(pending.specialFeatureConsent(9, 8));
+  pending.setSpecialFeatureConsent(2, 8, true);
+  EXPECT_TRUE(pending.specialFeatureConsent(2, 8));
+}
+
+TEST_F(ConsentStores, PendingLoadCopiesTheStoresAndDropsLegitimateInterest) {
+  PurposeConsentStore::shared().replaceStates({{1, true}});
+  VendorConsentStore::shared().replaceStates({{8, true}, {10, false}});
+  SpecialFeatureConsentStore::shared().setVendor(2, 8, true);
+  PendingConsentStore& pending = PendingConsentStore::shared();
+  pending.setLiPurposeConsent(8, {{7, true}});
+  pending.load(VendorConsentStore::shared(), PurposeConsentStore::shared(),
+               SpecialFeatureConsentStore::shared());
+  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, true}}));
+  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, true}, {10, false}}));
+  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{2, {{8, true}}}}));
+  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{2, true}}));
+  EXPECT_THAT(pending.liPurposeConsent(), IsEmpty());
+}
+
+TEST_F(ConsentStores, SpecialFeatureChangesAreLoggedWithTheWholeMap) {
+  auto sink = std::make_shared<testing::RecordingLogSink>();
+  QltLog::setSink(sink);
+  QltLog::setEnabled(true);
+  PendingConsentStore::shared().setSpecialFeatureConsent(1, 755, true);
+  QltLog::setEnabled(false);
+  QltLog::setSink(nullptr);
+  ASSERT_EQ(sink->lines().size(), 1U);
+  EXPECT_THAT(sink->lines()[0],
+              ::testing::EndsWith("[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
+                                  "changed: {1: {755: true}}"));
+}
+
+TEST_F(ConsentStores, VendorSwitchesAnnounceOnlyRealChanges) {
+  VendorConsentStore& vendors = VendorConsentStore::shared();
+  vendors.setConsent(5, false);  // absent counts as changed
+  vendors.setConsent(5, false);
+  vendors.setConsent(5, true);
+  EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=5 on=false",
+                                             "qlt.vendorConsentChanged id=5 on=true"));
+  vendors.replaceStates({{2, true}, {1, false}});
+  PurposeConsentStore::shared().replaceStates({{3, true}});
+  EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=1 on=false",
+                                             "qlt.vendorConsentChanged id=2 on=true",
+                                             "qlt.purposeConsentChanged id=3 on=true"));
+  EXPECT_EQ(vendors.states(), (ConsentFlags{{1, false}, {2, true}}));
+}
+
+TEST_F(ConsentStores, SpecialFeatureCascadesAnnounceInOrder) {
+  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
+  store.setVendor(1, 8, true);  // first vendor on: master on first
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureMasterChanged featureId=1 on=true",
+                          "specialFeatureVendorChanged featureId=1 on=true vendorId=8"));
+  EXPECT_TRUE(PendingConsentStore::shared().specialFeatureMaster().at(1));
+  EXPECT_TRUE(PendingConsentStore::shared().specialFeatureConsent(1, 8));
+
+  store.setVendor(1, 8, false);  // last vendor off: master off first, nothing more to cascade
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureMasterChanged featureId=1 on=false",
+                          "specialFeatureVendorChanged featureId=1 on=false vendorId=8"));
+
+  for (const std::int64_t vendor : {1, 2, 3})
+    store.setVendor(2, vendor, true);
+  for (const std::int64_t vendor : {4, 5})
+    store.setVendor(2, vendor, false);
+  announced_.take();
+  store.setMaster(2, false);  // three vendors on, two off
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureVendorChanged featureId=2 on=false vendorId=1",
+                          "specialFeatureVendorChanged featureId=2 on=false vendorId=2",
+                          "specialFeatureVendorChanged featureId=2 on=false vendorId=3",
+                          "specialFeatureMasterChanged featureId=2 on=false"));
+  EXPECT_FALSE(PendingConsentStore::shared().specialFeatureConsent(2, 3));
+  store.setMaster(2, true);  // on switches no vendor on
+  EXPECT_THAT(announced_.take(), ElementsAre("specialFeatureMasterChanged featureId=2 on=true"));
+  EXPECT_FALSE(store.vendorState(2, 1));
+}
+
+TEST_F(ConsentStores, SpecialFeaturesPersistAndLoadBack) {
+  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
+  store.setVendor(1, 755, true);
+  store.setVendor(1, 8, false);
+  store.setMaster(2, false);
+  store.persist();
+  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureMasterStates),
+            (StoreValue::Dictionary{{"1", true}, {"2", false}}));
+  const auto persistedMasters = store.masterStates();
+  const auto persistedVendors = store.vendorStates();
+  store.replaceMasterStates({});
+  store.replaceVendorStates({});
+  announced_.take();
+  store.loadPersisted();
+  EXPECT_EQ(store.masterStates(), persistedMasters);
+  EXPECT_EQ(store.vendorStates(), persistedVendors);
+  EXPECT_THAT(announced_.take(), IsEmpty());  // loading announces nothing
+
+  store.replaceMasterStates({});
+  store.replaceVendorStates({});
+  store.persist();  // empty maps persist as empty dictionaries
+  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureVendorStates),
+            StoreValue::Dictionary{});
+}
+
+TEST_F(ConsentStores, PersistedValuesOfTheWrongShapeAreIgnored) {
+  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
+  store_->set(StorageKeys::specialFeatureMasterStates, StoreValue::Dictionary{{"1", 1}});
+  store_->set(StorageKeys::specialFeatureVendorStates,
+              StoreValue::Dictionary{{"1", StoreValue::Dictionary{{"8", "yes"}}}});
+  store.loadPersisted();
+  EXPECT_THAT(store.masterStates(), IsEmpty());
+  EXPECT_THAT(store.vendorStates(), IsEmpty());
+  store_->set(StorageKeys::specialFeatureMasterStates, "not a dictionary");
+  store.loadPersisted();
+  EXPECT_THAT(store.masterStates(), IsEmpty());
+}
+
+using ConsentStoresDeathTest = ConsentStores;
+
+TEST_F(ConsentStoresDeathTest, APersistedKeyThatIsNotAnIntegerStopsTheProcess) {
+  store_->set(StorageKeys::specialFeatureMasterStates, StoreValue::Dictionary{{"one", true}});
+  EXPECT_DEATH(SpecialFeatureConsentStore::shared().loadPersisted(), "not an integer");
+}
+
+}  // namespace
+}  // namespace quillet
