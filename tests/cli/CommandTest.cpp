@@ -1,20 +1,14 @@
-#include <array>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 
 #include <boost/json/parse.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "quillet/codec/TCString.h"
 #include "quillet/core/Version.h"
 
-extern char** environ;
+#include "support/ChildProcess.h"
 
 namespace quillet {
 namespace {
@@ -22,68 +16,12 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using Outcome = testing::ChildProcess::Result;
 
 // Runs the quillet command with `args`, feeding `input` on standard input.
 Outcome quillet(std::vector<std::string> args, const std::string& input = "") {
-  std::array<int, 2> in{}, out{}, err{};
-  if (pipe(in.data()) != 0 || pipe(out.data()) != 0 || pipe(err.data()) != 0) return {};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  for (const int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) {
-    posix_spawn_file_actions_addclose(&actions, fd);
-  }
   args.insert(args.begin(), QUILLET_CLI_PATH);
-  std::vector<char*> argv;
-  for (auto& arg : args)
-    argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
-  Outcome run;
-  if (spawned != 0) return run;
-  std::size_t written = 0;
-  if (input.empty()) close(in[1]);
-  std::array<pollfd, 3> fds{pollfd{out[0], POLLIN, 0}, pollfd{err[0], POLLIN, 0},
-                            pollfd{input.empty() ? -1 : in[1], POLLOUT, 0}};
-  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-    if (poll(fds.data(), fds.size(), -1) < 0) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP)) != 0) {
-        std::array<char, 4096> buffer{};
-        const ssize_t n = read(fds[i].fd, buffer.data(), buffer.size());
-        if (n <= 0) {
-          close(fds[i].fd);
-          fds[i].fd = -1;
-        } else {
-          (i == 0 ? run.out : run.err).append(buffer.data(), static_cast<std::size_t>(n));
-        }
-      }
-    }
-    if (fds[2].fd >= 0 && (fds[2].revents & (POLLOUT | POLLERR)) != 0) {
-      const ssize_t n = write(fds[2].fd, input.data() + written, input.size() - written);
-      if (n > 0) written += static_cast<std::size_t>(n);
-      if (n <= 0 || written == input.size()) {
-        close(fds[2].fd);
-        fds[2].fd = -1;
-      }
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return run;
+  return testing::runProcess(std::move(args), input);
 }
 
 std::vector<boost::json::object> jsonLines(const std::string& text) {

@@ -6,7 +6,7 @@
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/Url.h"
 
-#include "TestServer.h"
+#include "support/TestServer.h"
 
 namespace quillet {
 namespace {

@@ -12,8 +12,8 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
-#include "TestServer.h"
 #include "support/RecordingLogSink.h"
+#include "support/TestServer.h"
 
 namespace quillet {
 namespace {

@@ -3,80 +3,29 @@
 #include <random>
 #include <thread>
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "quillet/core/QltLog.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
+#include "support/ChildProcess.h"
 #include "support/RecordingLogSink.h"
 #include "support/ScopedEnvironment.h"
 #include "support/TempDirectory.h"
-
-extern char** environ;
 
 namespace quillet {
 namespace {
 
 using ::testing::HasSubstr;
 
-// A child process running the store tool, with its standard output on a pipe.
-class Child {
- public:
-  explicit Child(std::vector<std::string> args) {
-    int pipeEnds[2];
-    if (pipe(pipeEnds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[1]);
-    args.insert(args.begin(), QUILLET_STORE_TOOL);
-    std::vector<char*> argv;
-    for (auto& arg : args)
-      argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
-    output_ = pipeEnds[0];
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (output_ >= 0) close(output_);
-  }
-
-  // Waits for the child and returns its exit status (128 + signal when killed).
-  int wait() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  void killNow() { kill(pid_, SIGKILL); }
-  // Everything the child wrote, up to its end.
-  std::string output() {
-    std::string text;
-    char buffer[4096];
-    ssize_t n = 0;
-    while ((n = read(output_, buffer, sizeof buffer)) > 0)
-      text.append(buffer, static_cast<std::size_t>(n));
-    return text;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int output_ = -1;
-};
+// The store tool in a child process.
+std::unique_ptr<testing::ChildProcess> storeTool(std::vector<std::string> args) {
+  args.insert(args.begin(), QUILLET_STORE_TOOL);
+  return std::make_unique<testing::ChildProcess>(std::move(args));
+}
 
 std::shared_ptr<SqliteKeyValueStore> openStore(const std::filesystem::path& path) {
   auto opened = SqliteKeyValueStore::open(path);
@@ -121,8 +70,7 @@ std::vector<std::filesystem::path> setAsideFiles(const std::filesystem::path& di
 TEST(SqliteKeyValueStore, ValuesSurviveARestartOfTheProcess) {
   const testing::TempDirectory directory;
   const auto path = directory / "nested" / "dirs" / "store.sqlite";
-  Child writer({"write", path.string()});
-  ASSERT_EQ(writer.wait(), 0);
+  ASSERT_EQ(storeTool({"write", path.string()})->finish().status, 0);
 
   const auto store = openStore(path);
   ASSERT_TRUE(store);
@@ -136,9 +84,9 @@ TEST(SqliteKeyValueStore, ValuesSurviveARestartOfTheProcess) {
 
   // And the other way round, while this process keeps the store open.
   store->set("text", "from the test");
-  Child reader({"get", path.string(), "text"});
-  EXPECT_EQ(reader.output(), "from the test\n");
-  EXPECT_EQ(reader.wait(), 0);
+  const auto reader = storeTool({"get", path.string(), "text"})->finish();
+  EXPECT_EQ(reader.out, "from the test\n");
+  EXPECT_EQ(reader.status, 0);
 }
 
 TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrupts) {
@@ -147,11 +95,12 @@ TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrup
   std::mt19937 random(20261122);
   std::int64_t synchronisedInAll = 0;
   for (int round = 0; round < 200; ++round) {
-    Child hammer({"hammer", path.string(), std::to_string(round)});
+    const auto hammer = storeTool({"hammer", path.string(), std::to_string(round)});
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
-    hammer.killNow();
-    const std::string output = hammer.output();
-    EXPECT_EQ(hammer.wait(), 128 + SIGKILL);
+    hammer->kill();
+    const auto ended = hammer->finish();
+    const std::string& output = ended.out;
+    EXPECT_EQ(ended.status, 128 + SIGKILL);
 
     // Every number printed was synchronised before it was printed.
     std::int64_t lastPrinted = 0;

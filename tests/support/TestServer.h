@@ -31,6 +31,8 @@ struct Reply {
   std::string body;
   std::string contentType = "application/json";
   std::size_t size = 0;
+  /// Waits this long before answering.
+  std::chrono::milliseconds delay{0};
 };
 
 struct RecordedRequest {

@@ -1,4 +1,4 @@
-#include "TestServer.h"
+#include "support/TestServer.h"
 
 #include <stdexcept>
 
@@ -49,6 +49,7 @@ TestServer::TestServer() {
         found = true;
       }
     }
+    if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
     if (!found) {
       response.status = 404;
       response.set_content("<html><body><h1>404 Not Found</h1></body></html>", "text/html");

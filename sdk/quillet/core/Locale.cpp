@@ -1,0 +1,22 @@
+#include "quillet/core/Locale.h"
+
+#include <cstdlib>
+#include <string_view>
+
+namespace quillet {
+
+std::optional<std::string> SystemLocale::languageCode() const {
+  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    const char* value = std::getenv(variable);
+    if (value == nullptr || value[0] == '\0') continue;
+    std::string_view locale(value);
+    if (locale == "C" || locale == "POSIX" || locale.starts_with("C.")) return std::nullopt;
+    const auto end = locale.find_first_of("_.@");
+    std::string_view language = locale.substr(0, end);
+    if (language.empty()) return std::nullopt;
+    return std::string(language);
+  }
+  return std::nullopt;
+}
+
+}  // namespace quillet

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace quillet {
+
+/// The device's current locale.
+class Locale {
+ public:
+  virtual ~Locale() = default;
+  /// The language code ("de", "pt"), or nothing when the locale has none.
+  virtual std::optional<std::string> languageCode() const = 0;
+};
+
+/// The process's locale from LC_ALL, LC_MESSAGES or LANG ("de_DE.UTF-8" gives "de"); "C",
+/// "POSIX" and unset give nothing.
+class SystemLocale final : public Locale {
+ public:
+  std::optional<std::string> languageCode() const override;
+};
+
+/// A locale with a fixed language code, for tests and hosts that know better.
+class FixedLocale final : public Locale {
+ public:
+  explicit FixedLocale(std::optional<std::string> languageCode)
+      : languageCode_(std::move(languageCode)) {}
+  std::optional<std::string> languageCode() const override { return languageCode_; }
+
+ private:
+  std::optional<std::string> languageCode_;
+};
+
+}  // namespace quillet

@@ -1,0 +1,641 @@
+#include "quillet/core/QuilletCMP.h"
+
+#include <algorithm>
+#include <future>
+
+#include "quillet/codec/QLTCMPUtils.h"
+#include "quillet/core/Fatal.h"
+#include "quillet/core/GoogleConsentMode.h"
+#include "quillet/core/Locale.h"
+#include "quillet/core/MainQueue.h"
+#include "quillet/core/Platform.h"
+#include "quillet/core/QltLog.h"
+#include "quillet/core/Text.h"
+#include "quillet/model/Json.h"
+#include "quillet/network/QLTAPIServer.h"
+#include "quillet/state/PendingConsentStore.h"
+#include "quillet/state/PurposeConsentStore.h"
+#include "quillet/state/SpecialFeatureConsentStore.h"
+#include "quillet/state/VendorConsentStore.h"
+#include "quillet/storage/ConsentStorage.h"
+#include "quillet/storage/StorageKeys.h"
+#include "quillet/ui/ScreenHost.h"
+
+namespace quillet {
+namespace {
+
+constexpr std::string_view kTag = "QuilletCMP";
+using Ids = std::vector<std::int64_t>;
+
+// The stored TC String when consent counts as stored (a non-empty text).
+std::optional<std::string> storedConsent() {
+  auto text = ConsentStorage::store()->readString(StorageKeys::tcString);
+  if (!text || text->empty()) return std::nullopt;
+  return text;
+}
+
+std::string printed(const Ids& ids) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < ids.size(); ++i)
+    out += (i ? ", " : "") + std::to_string(ids[i]);
+  return out + "]";
+}
+
+Ids sortedUnique(Ids ids) {
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  return ids;
+}
+
+bool contains(const Ids& sorted, std::int64_t id) {
+  return std::binary_search(sorted.begin(), sorted.end(), id);
+}
+
+// The vendor list's "vendors" object, or an empty one.
+const boost::json::object& vendorsOf(const boost::json::object& gvl) {
+  static const boost::json::object kNone;
+  const boost::json::object* vendors = Json::object(Json::member(gvl, "vendors"));
+  return vendors != nullptr ? *vendors : kNone;
+}
+
+// A vendor's declared list ("purposes" or "legIntPurposes") as integers; nothing contributes
+// when the vendor, the key or the type is missing.
+Ids declared(const boost::json::object& gvlVendors, std::int64_t vendorId, std::string_view key) {
+  const boost::json::object* entry =
+      Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
+  if (entry == nullptr) return {};
+  return Json::exactIntegerArray(Json::member(*entry, key)).value_or(Ids{});
+}
+
+// Keys of an object that parse as integers, ascending.
+Ids integerKeys(const boost::json::object& object) {
+  Ids ids;
+  for (const auto& member : object) {
+    if (const auto id = Text::parseInteger(member.key())) ids.push_back(*id);
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+// Special feature ids: the integer keys of an object, or the "id" of each element of an array.
+Ids allSpecialFeatureIds(const boost::json::object& gvl) {
+  const boost::json::value* features = Json::member(gvl, "specialFeatures");
+  if (const boost::json::object* object = Json::object(features)) return integerKeys(*object);
+  Ids ids;
+  if (const boost::json::array* array = Json::array(features)) {
+    for (const auto& element : *array) {
+      const boost::json::object* entry = element.if_object();
+      if (entry == nullptr) continue;
+      if (const auto id = Json::exactInteger(Json::member(*entry, "id"))) ids.push_back(*id);
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+// The five lists of the TC String for one action.
+struct Choices {
+  Ids purposeConsents;
+  Ids purposeLegitimateInterests;
+  Ids specialFeatureOptins;
+  Ids vendorConsents;
+  Ids vendorLegitimateInterests;
+};
+
+// Process-wide: the last consent event handed to the network, to skip exact repeats.
+struct LastPosted {
+  std::mutex mutex;
+  std::optional<std::string> tcString;
+  std::optional<std::string> eventType;
+};
+
+LastPosted& lastPosted() {
+  static LastPosted* const instance = new LastPosted();
+  return *instance;
+}
+
+std::string_view eventTypeOf(const ConsentAction& action) {
+  switch (action.kind()) {
+    case ConsentAction::Kind::acceptAll:
+      return "accepted";
+    case ConsentAction::Kind::rejectAll:
+      return "rejected";
+    case ConsentAction::Kind::customize:
+      return "customized";
+  }
+  return "customized";
+}
+
+}  // namespace
+
+struct QuilletCMP::Snapshot {
+  std::optional<std::string> settingsId;
+  std::optional<BrandingConfig> config;
+  std::shared_ptr<const boost::json::object> gvl;
+  std::vector<PurposeModel> purposes;
+  std::vector<VendorModel> vendors;
+  std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+
+  bool loaded() const { return config.has_value() && gvl != nullptr; }
+  Ids purposeIds() const {
+    Ids ids;
+    for (const auto& purpose : purposes)
+      ids.push_back(purpose.id());
+    return ids;
+  }
+  Ids vendorIds() const {
+    Ids ids;
+    for (const auto& vendor : vendors)
+      ids.push_back(vendor.id());
+    return ids;
+  }
+};
+
+QuilletCMP& QuilletCMP::shared() {
+  static std::shared_ptr<QuilletCMP>* const instance = new std::shared_ptr<QuilletCMP>(create());
+  return **instance;
+}
+
+std::shared_ptr<QuilletCMP> QuilletCMP::create() {
+  return std::shared_ptr<QuilletCMP>(new QuilletCMP());
+}
+
+QuilletCMP::Snapshot QuilletCMP::snapshot() const {
+  std::lock_guard lock(mutex_);
+  return Snapshot{settingsId_, config_, gvl_, purposes_, vendors_, rawVendors_};
+}
+
+std::optional<std::string> QuilletCMP::settingsId() const {
+  std::lock_guard lock(mutex_);
+  return settingsId_;
+}
+std::optional<BrandingConfig> QuilletCMP::config() const {
+  std::lock_guard lock(mutex_);
+  return config_;
+}
+std::shared_ptr<const boost::json::object> QuilletCMP::gvl() const {
+  std::lock_guard lock(mutex_);
+  return gvl_;
+}
+std::vector<PurposeModel> QuilletCMP::purposes() const {
+  std::lock_guard lock(mutex_);
+  return purposes_;
+}
+std::vector<VendorModel> QuilletCMP::vendors() const {
+  std::lock_guard lock(mutex_);
+  return vendors_;
+}
+std::vector<std::shared_ptr<const boost::json::object>> QuilletCMP::rawVendors() const {
+  std::lock_guard lock(mutex_);
+  return rawVendors_;
+}
+bool QuilletCMP::isConfigLoaded() const {
+  std::lock_guard lock(mutex_);
+  return config_.has_value() && gvl_ != nullptr;
+}
+
+void QuilletCMP::initialize(std::string settingsId, std::function<void()> completion) {
+  std::function<void()> done = completion ? std::move(completion) : [] {};
+  {
+    std::lock_guard lock(mutex_);
+    settingsId_ = settingsId;
+  }
+  QLTAPIServer::postAnalyticsSessionEvent(settingsId, std::nullopt);
+  QltLog::i(kTag, [&] { return "Initializing with settingsId «" + settingsId + "»"; });
+  if (const auto stored = storedConsent()) {
+    QltLog::i(kTag, [&] { return "TCString already present → " + *stored; });
+    if (isConfigLoaded()) {
+      done();
+    } else {
+      fetch(std::move(done));
+    }
+    return;
+  }
+  if (isConfigLoaded()) {
+    presentBannerForStartup(std::move(done));
+    return;
+  }
+  fetch([self = weak_from_this(), done]() mutable {
+    if (const auto facade = self.lock()) {
+      facade->presentBannerForStartup(std::move(done));
+    } else {
+      done();
+    }
+  });
+}
+
+void QuilletCMP::fetch(std::function<void()> continuation) {
+  const auto id = settingsId();
+  if (!id) {
+    continuation();
+    return;
+  }
+  QLTAPIServer::fetchBannerConfigAndMaybeGVL(
+      *id, [self = weak_from_this(), continuation = std::move(continuation)](
+               std::optional<BrandingConfig> config, QLTAPIServer::VendorList gvl) {
+        if (const auto facade = self.lock())
+          facade->applyFetchedConfig(std::move(config), std::move(gvl));
+        continuation();
+      });
+}
+
+void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
+                                    std::shared_ptr<const boost::json::object> gvl) {
+  if (!config || !gvl) return;
+  std::vector<PurposeModel> parsedPurposes = PurposeModel::parse(*gvl);
+  std::vector<VendorModel> parsedVendors = VendorModel::parse(*gvl, *config);
+
+  // The selection: the configuration's list when it has one, else every parsed vendor.
+  Ids selection;
+  if (config->selectedVendorIds()) {
+    selection = sortedUnique(*config->selectedVendorIds());
+  } else {
+    for (const auto& vendor : parsedVendors)
+      selection.push_back(vendor.id());
+    selection = sortedUnique(std::move(selection));
+  }
+  std::vector<VendorModel> vendors;
+  Ids declaredPurposes;
+  for (auto& vendor : parsedVendors) {
+    if (!contains(selection, vendor.id())) continue;
+    declaredPurposes.insert(declaredPurposes.end(), vendor.purposes().begin(),
+                            vendor.purposes().end());
+    declaredPurposes.insert(declaredPurposes.end(), vendor.legIntPurposes().begin(),
+                            vendor.legIntPurposes().end());
+    vendors.push_back(std::move(vendor));
+  }
+  declaredPurposes = sortedUnique(std::move(declaredPurposes));
+  std::vector<PurposeModel> purposes;
+  for (auto& purpose : parsedPurposes) {
+    if (contains(declaredPurposes, purpose.id())) purposes.push_back(std::move(purpose));
+  }
+
+  std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+  if (const boost::json::object* gvlVendors = Json::object(Json::member(*gvl, "vendors"))) {
+    for (const auto& vendor : vendors) {
+      if (const boost::json::object* entry =
+              Json::object(Json::member(*gvlVendors, std::to_string(vendor.id())))) {
+        rawVendors.emplace_back(gvl, entry);  // shares ownership of the document
+      }
+    }
+  }
+
+  Ids purposeIds;
+  for (const auto& purpose : purposes)
+    purposeIds.push_back(purpose.id());
+  Ids vendorIds;
+  for (const auto& vendor : vendors)
+    vendorIds.push_back(vendor.id());
+  {
+    std::lock_guard lock(mutex_);
+    purposes_ = std::move(purposes);
+    vendors_ = std::move(vendors);
+    config_ = std::move(config);
+    gvl_ = gvl;
+    rawVendors_ = std::move(rawVendors);
+  }
+
+  const auto stored = storedConsent();
+  if (!stored) {
+    // Legitimate interest starts switched on for every purpose a vendor declares it for.
+    const boost::json::object& gvlVendors = vendorsOf(*gvl);
+    for (const auto vendorId : vendorIds) {
+      const boost::json::object* entry =
+          Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
+      if (entry == nullptr) continue;
+      const auto legInt = Json::exactIntegerArray(Json::member(*entry, "legIntPurposes"));
+      if (!legInt) continue;
+      ConsentFlags on;
+      for (const auto purpose : *legInt) {
+        if (!on.emplace(purpose, true).second) {
+          fatalError("Duplicate values for key: '" + std::to_string(purpose) + "'");
+        }
+      }
+      PendingConsentStore::shared().setLiPurposeConsent(vendorId, std::move(on));
+    }
+  }
+  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
+                               {vendorIds.begin(), vendorIds.end()}, *gvl);
+  if (stored) updateGoogleConsentModeFromTCString(*stored);
+}
+
+void QuilletCMP::presentBannerForStartup(std::function<void()> completion) {
+  const auto host = Platform::current().screenHost;
+  if (!host || !host->canPresent() || !isConfigLoaded()) {
+    completion();
+    return;
+  }
+  presentBanner(
+      [self = weak_from_this(), completion = std::move(completion)](ConsentAction action) {
+        if (const auto facade = self.lock()) facade->handleConsentAction(action);
+        completion();
+      });
+}
+
+void QuilletCMP::presentBanner(std::function<void(ConsentAction)> onOutcome) {
+  const Platform platform = Platform::current();
+  platform.mainQueue->post([self = weak_from_this(), host = platform.screenHost,
+                            onOutcome = std::move(onOutcome)]() mutable {
+    const auto facade = self.lock();
+    if (!facade || !host || !host->canPresent()) return;
+    Snapshot s = facade->snapshot();
+    if (!s.loaded()) return;
+    host->presentBanner(ScreenContent{std::move(*s.config), std::move(s.purposes),
+                                      std::move(s.vendors), std::move(s.rawVendors),
+                                      std::move(s.gvl), std::move(onOutcome)});
+  });
+}
+
+void QuilletCMP::openSecondLayer() {
+  const auto host = Platform::current().screenHost;
+  if (!host || !host->canPresent()) return;
+  Snapshot s = snapshot();
+  if (!s.loaded()) return;
+  const Ids purposeIds = s.purposeIds();
+  const Ids vendorIds = s.vendorIds();
+  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
+                               {vendorIds.begin(), vendorIds.end()}, *s.gvl);
+  host->presentSecondLayer(ScreenContent{
+      std::move(*s.config), std::move(s.purposes), std::move(s.vendors), std::move(s.rawVendors),
+      std::move(s.gvl), [self = weak_from_this()](ConsentAction action) {
+        if (const auto facade = self.lock()) facade->handleConsentAction(action);
+      }});
+}
+
+void QuilletCMP::showBanner(bool force) {
+  SpecialFeatureConsentStore::shared().loadPersisted();
+  const bool stored = storedConsent().has_value();
+  if (!force && stored) {
+    QltLog::i(kTag, "banner suppressed – consent already stored");
+    return;
+  }
+  const auto queue = Platform::current().mainQueue;
+  const auto screen = [self = weak_from_this(), secondLayer = force && stored] {
+    const auto facade = self.lock();
+    if (!facade) return;
+    if (secondLayer) {
+      facade->openSecondLayer();
+    } else {
+      facade->presentBanner([self](ConsentAction action) {
+        if (const auto f = self.lock()) f->handleConsentAction(action);
+      });
+    }
+  };
+  const auto onMain = [queue, screen] {
+    if (queue->isMainThread()) {
+      screen();
+    } else {
+      queue->post(screen);
+    }
+  };
+  if (!isConfigLoaded() && settingsId()) {
+    fetch(onMain);
+  } else {
+    onMain();
+  }
+}
+
+bool QuilletCMP::ensureConfigLoaded() {
+  if (isConfigLoaded()) return true;
+  auto loaded = std::make_shared<std::promise<void>>();
+  auto future = loaded->get_future();
+  if (settingsId()) {
+    fetch([loaded] { loaded->set_value(); });
+  } else {
+    loaded->set_value();
+  }
+  future.wait();
+  return isConfigLoaded();
+}
+
+std::string QuilletCMP::deviceLanguageCode() const {
+  auto code = Platform::current().locale->languageCode();
+  // A code that is not made of letters is no language code; the encoder could not write it.
+  if (!code || code->empty() || !QLTCMPUtils::isEncodableCode(*code)) code = "en";
+  return Text::uppercased(Text::prefixCharacters(*code, 2));
+}
+
+void QuilletCMP::acceptAllSelections() {
+  handleConsentAction(ConsentAction::acceptAll());
+}
+
+void QuilletCMP::rejectAllSelections() {
+  handleConsentAction(ConsentAction::rejectAll());
+}
+
+void QuilletCMP::applyCustomSelections(std::vector<std::int64_t> purposes,
+                                       std::vector<std::int64_t> vendors) {
+  handleConsentAction(ConsentAction::customize(std::move(purposes), std::move(vendors)));
+}
+
+void QuilletCMP::updateGoogleConsentModeFromTCString(std::string_view tcString) {
+  GoogleConsentMode::update(tcString, *Platform::current().analytics);
+}
+
+void QuilletCMP::handleConsentAction(const ConsentAction& action) {
+  const Snapshot s = snapshot();
+  if (!s.config || !s.gvl) return;
+  const boost::json::object& gvl = *s.gvl;
+  const Ids allPurposeIds = s.purposeIds();
+  const Ids vendorIds =
+      s.config->selectedVendorIds() ? *s.config->selectedVendorIds() : s.vendorIds();
+  const boost::json::object& gvlVendors = vendorsOf(gvl);
+  const Ids gvlVendorIds = integerKeys(gvlVendors);
+  const std::int64_t vendorListVersion =
+      Json::exactInteger(Json::member(gvl, "vendorListVersion")).value_or(1);
+  const std::int64_t policyVersion =
+      Json::exactInteger(Json::member(gvl, "tcfPolicyVersion")).value_or(1);
+  const Ids sortedVendorIds = sortedUnique(vendorIds);
+
+  Choices choices;
+  switch (action.kind()) {
+    case ConsentAction::Kind::acceptAll: {
+      Ids purposes;
+      Ids legInt;
+      for (const auto vendorId : vendorIds) {
+        const Ids declaredPurposes = declared(gvlVendors, vendorId, "purposes");
+        purposes.insert(purposes.end(), declaredPurposes.begin(), declaredPurposes.end());
+        const Ids declaredLegInt = declared(gvlVendors, vendorId, "legIntPurposes");
+        legInt.insert(legInt.end(), declaredLegInt.begin(), declaredLegInt.end());
+        if (!declaredLegInt.empty()) choices.vendorLegitimateInterests.push_back(vendorId);
+      }
+      choices.purposeConsents = sortedUnique(std::move(purposes));
+      legInt = sortedUnique(std::move(legInt));
+      for (const auto id : allPurposeIds) {
+        if (contains(legInt, id)) choices.purposeLegitimateInterests.push_back(id);
+      }
+      choices.specialFeatureOptins = allSpecialFeatureIds(gvl);
+      choices.vendorConsents = sortedVendorIds;
+      choices.vendorLegitimateInterests =
+          sortedUnique(std::move(choices.vendorLegitimateInterests));
+      break;
+    }
+    case ConsentAction::Kind::rejectAll:
+      break;
+    case ConsentAction::Kind::customize: {
+      const Ids configured = sortedUnique(allPurposeIds);
+      for (const auto id : action.purposes()) {
+        if (contains(configured, id)) choices.purposeConsents.push_back(id);
+      }
+      const NestedConsentFlags legInt = PendingConsentStore::shared().liPurposeConsent();
+      Ids purposesOn;
+      for (const auto& [vendorId, purposes] : legInt) {
+        const Ids on = idsOn(purposes);
+        purposesOn.insert(purposesOn.end(), on.begin(), on.end());
+        if (!on.empty() && contains(sortedVendorIds, vendorId)) {
+          choices.vendorLegitimateInterests.push_back(vendorId);
+        }
+      }
+      purposesOn = sortedUnique(std::move(purposesOn));
+      for (const auto id : configured) {
+        if (contains(purposesOn, id)) choices.purposeLegitimateInterests.push_back(id);
+      }
+      choices.specialFeatureOptins = idsOn(SpecialFeatureConsentStore::shared().masterStates());
+      for (const auto id : action.vendors()) {
+        if (contains(sortedVendorIds, id)) choices.vendorConsents.push_back(id);
+      }
+      std::sort(choices.vendorConsents.begin(), choices.vendorConsents.end());
+      break;
+    }
+  }
+
+  const Platform platform = Platform::current();
+  const std::string publisherCC =
+      Text::uppercased(Text::prefixCharacters(s.config->publisherCC().value_or("US"), 2));
+  const std::string core = QLTCMPUtils::encodeTCString(
+      QLTCMPUtils::TCStringInput{
+          .purposeConsents = choices.purposeConsents,
+          .purposeLegitimateInterests = choices.purposeLegitimateInterests,
+          .specialFeatureOptins = choices.specialFeatureOptins,
+          .vendorConsents = choices.vendorConsents,
+          .vendorLegitimateInterests = choices.vendorLegitimateInterests,
+          .gvlVendorIds = gvlVendorIds,
+          .cmpId = 471,
+          .cmpVersion = 1,
+          .consentScreen = 0,
+          .consentLanguage = deviceLanguageCode(),
+          .vendorListVersion = vendorListVersion,
+          .policyVersion = policyVersion,
+          .isServiceSpecific = true,
+          .useNonStandardStacks = false,
+          .purposeOneTreatment = false,
+          .publisherCC = publisherCC,
+      },
+      *platform.clock);
+  const std::string tcString =
+      core + "." + QLTCMPUtils::encodeDisclosedVendorsSegment(sortedVendorIds, gvlVendorIds);
+
+  const bool consent = action.kind() != ConsentAction::Kind::rejectAll;
+  const auto store = ConsentStorage::store();
+  store->set(StorageKeys::consent, consent);
+  store->set(StorageKeys::tcString, tcString);
+  store->synchronize();
+  QltLog::i(kTag, [&] {
+    return std::string("Saved consent = ") + (consent ? "YES" : "NO") + "\n" + tcString;
+  });
+  QltLog::i(kTag, [&] {
+    return "[GoogleConsentMode] DEBUG: purposeConsents in AcceptAll = " +
+           printed(choices.purposeConsents);
+  });
+  updateGoogleConsentModeFromTCString(tcString);
+
+  const std::string_view eventType = eventTypeOf(action);
+  bool duplicate = false;
+  {
+    LastPosted& last = lastPosted();
+    std::lock_guard lock(last.mutex);
+    duplicate = last.tcString == tcString && last.eventType == eventType;
+    if (!duplicate && s.settingsId) {
+      last.tcString = tcString;
+      last.eventType = std::string(eventType);
+    }
+  }
+  if (duplicate) {
+    QltLog::i(kTag, "Skipping duplicate consent event (TCString/eventType unchanged)");
+  } else if (s.settingsId) {
+    QLTAPIServer::postConsent(tcString, *s.settingsId, eventType, std::nullopt);
+  }
+
+  syncStoresFromStoredTCString({allPurposeIds.begin(), allPurposeIds.end()},
+                               {vendorIds.begin(), vendorIds.end()}, gvl);
+}
+
+void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purposeIds,
+                                              const std::set<std::int64_t>& vendorIds,
+                                              const boost::json::object& gvl) {
+  const auto stored = storedConsent();
+  if (!stored) return;
+  const std::string_view core = std::string_view(*stored).substr(0, stored->find('.'));
+  if (!QLTCMPUtils::canDecodeTCString(core)) return;  // another party's string: undecodable
+  const auto decoded = QLTCMPUtils::decodeTCString(core);
+  if (!decoded) return;
+  // Decoded lists are ascending.
+  const auto in = [](const Ids& ids, std::int64_t id) { return contains(ids, id); };
+
+  PendingConsentStore& pending = PendingConsentStore::shared();
+  ConsentFlags purposes;
+  for (const auto id : purposeIds) {
+    const bool on = in(decoded->purposeConsents, id);
+    pending.setPurposeConsent(id, on);
+    purposes.emplace(id, on);
+  }
+  PurposeConsentStore::shared().replaceStates(std::move(purposes));
+
+  ConsentFlags vendors;
+  for (const auto id : vendorIds) {
+    const bool on = in(decoded->vendorConsents, id);
+    pending.setVendorConsent(id, on);
+    vendors.emplace(id, on);
+  }
+  VendorConsentStore::shared().replaceStates(std::move(vendors));
+
+  const boost::json::object& gvlVendors = vendorsOf(gvl);
+  for (const auto vendorId : vendorIds) {
+    if (!in(decoded->vendorLegitimateInterests, vendorId)) continue;
+    for (const auto purpose : declared(gvlVendors, vendorId, "legIntPurposes")) {
+      if (in(decoded->purposeLegitimateInterests, purpose)) {
+        pending.setLiPurposeConsent(vendorId, purpose, true);
+      }
+    }
+  }
+
+  const boost::json::object* features = Json::object(Json::member(gvl, "specialFeatures"));
+  if (features == nullptr) return;
+  SpecialFeatureConsentStore& specialFeatures = SpecialFeatureConsentStore::shared();
+  for (const auto& member : *features) {
+    const auto feature = Text::parseInteger(member.key());
+    if (!feature) continue;
+    const bool isOn = in(decoded->specialFeatureOptins, *feature);
+    pending.setSpecialFeatureMaster(*feature, isOn);
+    specialFeatures.setMaster(*feature, isOn);
+    for (const auto vendorId : vendorIds) {
+      const bool value = specialFeatures.vendorState(*feature, vendorId);
+      pending.setSpecialFeatureConsent(*feature, vendorId, value);
+      specialFeatures.setVendor(*feature, vendorId, value);
+    }
+  }
+}
+
+std::optional<std::string> QuilletCMP::makeTCStringRejectAll() {
+  if (!ensureConfigLoaded()) return std::nullopt;
+  const auto gvl = this->gvl();
+  if (!gvl) return std::nullopt;
+  return QLTCMPUtils::encodeTCString(
+      QLTCMPUtils::TCStringInput{
+          .gvlVendorIds = integerKeys(vendorsOf(*gvl)),
+          .cmpId = 471,
+          .cmpVersion = 1,
+          .consentScreen = 0,
+          .consentLanguage = "EN",
+          .vendorListVersion =
+              Json::exactInteger(Json::member(*gvl, "vendorListVersion")).value_or(1),
+          .policyVersion = Json::exactInteger(Json::member(*gvl, "tcfPolicyVersion")).value_or(1),
+          .isServiceSpecific = true,
+          .useNonStandardStacks = false,
+          .purposeOneTreatment = false,
+          .publisherCC = "AA",
+      },
+      *Platform::current().clock);
+}
+
+}  // namespace quillet

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <boost/json/object.hpp>
+
+#include "quillet/core/ConsentAction.h"
+#include "quillet/model/BrandingConfig.h"
+#include "quillet/model/PurposeModel.h"
+#include "quillet/model/VendorModel.h"
+
+namespace quillet {
+
+/// The library's entry point. Install a `Platform` first, then call `initialize` once at start:
+/// the facade posts an analytics session event, fetches the banner configuration and the vendor
+/// list, and shows the first-layer banner through the platform's screen host unless a TC String
+/// is stored. Consent actions store the TC String, mirror it into Google Consent Mode, post it
+/// and bring the consent stores in line with it. Logs under the tag "QuilletCMP" (info).
+///
+/// Threads: every member may be called from any thread. Fetches complete on the HTTP client's
+/// thread, which applies them; screens are presented on the main queue; consent actions run on
+/// the caller's thread. `makeTCStringRejectAll` and `ensureConfigLoaded` block until a needed
+/// fetch completes: never call them from an HTTP completion.
+class QuilletCMP : public std::enable_shared_from_this<QuilletCMP> {
+ public:
+  /// The one process-wide instance.
+  static QuilletCMP& shared();
+  /// A separate instance (tests); the consent stores and the remembered last post stay shared.
+  static std::shared_ptr<QuilletCMP> create();
+
+  /// Keeps `settingsId`, posts a session event, and unless a TC String is stored, presents the
+  /// banner once the configuration is loaded. `completion` runs once: after the user's decision
+  /// when a banner is shown, else when nothing more is pending.
+  void initialize(std::string settingsId, std::function<void()> completion = {});
+  /// The first-layer banner; with `force` and a stored TC String, the second layer instead.
+  /// Without `force`, nothing is shown when a TC String is stored.
+  void showBanner(bool force);
+
+  void acceptAllSelections();
+  void rejectAllSelections();
+  void applyCustomSelections(std::vector<std::int64_t> purposes, std::vector<std::int64_t> vendors);
+  /// A reject-all core segment ("EN", "AA"), without storing, posting or mirroring anything;
+  /// nothing when no vendor list could be loaded.
+  std::optional<std::string> makeTCStringRejectAll();
+  /// Mirrors any TC String into Google Consent Mode through the platform's analytics registry.
+  void updateGoogleConsentModeFromTCString(std::string_view tcString);
+
+  /// The single place where a decision becomes a stored TC String; does nothing until the
+  /// configuration and the vendor list are loaded.
+  void handleConsentAction(const ConsentAction& action);
+  /// True when the configuration and the vendor list are loaded, fetching and waiting first when
+  /// a settings id is known.
+  bool ensureConfigLoaded();
+  /// The device's two-letter language, upper-cased; "EN" when the locale has none.
+  std::string deviceLanguageCode() const;
+  /// Rewrites the pending and toggle stores from the stored TC String.
+  void syncStoresFromStoredTCString(const std::set<std::int64_t>& purposeIds,
+                                    const std::set<std::int64_t>& vendorIds,
+                                    const boost::json::object& gvl);
+
+  std::optional<std::string> settingsId() const;
+  std::optional<BrandingConfig> config() const;
+  std::shared_ptr<const boost::json::object> gvl() const;
+  std::vector<PurposeModel> purposes() const;
+  std::vector<VendorModel> vendors() const;
+  std::vector<std::shared_ptr<const boost::json::object>> rawVendors() const;
+  bool isConfigLoaded() const;
+
+ private:
+  struct Snapshot;
+  QuilletCMP() = default;
+
+  Snapshot snapshot() const;
+  void fetch(std::function<void()> continuation);
+  void applyFetchedConfig(std::optional<BrandingConfig> config,
+                          std::shared_ptr<const boost::json::object> gvl);
+  void presentBannerForStartup(std::function<void()> completion);
+  void presentBanner(std::function<void(ConsentAction)> onOutcome);
+  void openSecondLayer();
+
+  mutable std::mutex mutex_;
+  std::optional<std::string> settingsId_;
+  std::optional<BrandingConfig> config_;
+  std::shared_ptr<const boost::json::object> gvl_;
+  std::vector<PurposeModel> purposes_;
+  std::vector<VendorModel> vendors_;
+  std::vector<std::shared_ptr<const boost::json::object>> rawVendors_;
+};
+
+}  // namespace quillet
