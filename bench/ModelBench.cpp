@@ -19,18 +19,14 @@
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
+#include "BenchData.h"
+
 namespace {
 
 using namespace quillet;
 
 const std::string& vendorListText() {
-  static const std::string text = [] {
-    std::ifstream file(QUILLET_TESTDATA_DIR "/gvl-v3-106.json", std::ios::binary);
-    if (!file) throw std::runtime_error("testdata/gvl-v3-106.json is missing");
-    std::ostringstream out;
-    out << file.rdbuf();
-    return out.str();
-  }();
+  static const std::string text = bench::testdataText("gvl-v3-106.json");
   return text;
 }
 

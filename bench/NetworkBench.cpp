@@ -22,17 +22,11 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
+#include "BenchData.h"
+
 namespace {
 
 using namespace quillet;
-
-std::string fileText(const std::string& name) {
-  std::ifstream file(std::string(QUILLET_TESTDATA_DIR) + "/" + name, std::ios::binary);
-  if (!file) throw std::runtime_error("testdata/" + name + " is missing");
-  std::ostringstream out;
-  out << file.rdbuf();
-  return out.str();
-}
 
 const std::string kConfig =
     R"({"vendorListVersion": 106, "publisherCC": "DE", "showRejectButton": true,
@@ -43,7 +37,7 @@ const std::string kConfig =
 // does and would swamp the figures, so the bodies go out as they are.
 class Server {
  public:
-  Server() : gvl_(fileText("gvl-v3-106.json")) {
+  Server() : gvl_(bench::testdataText("gvl-v3-106.json")) {
     server_.Get("/cdn/bench/banner_config.json", [](const httplib::Request&, httplib::Response& r) {
       r.set_content(kConfig, "application/octet-stream");
     });

@@ -1,0 +1,145 @@
+// The facade's hot paths with the real 987-vendor list: a consent action from decision to
+// resynchronised stores, and start-up from a cached vendor list to the screen host being asked
+// to present the banner. Logging is off; the store is SQLite in a temporary folder; the server
+// is on loopback.
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <httplib.h>
+#include <stdlib.h>
+
+#include "quillet/core/AnalyticsRegistry.h"
+#include "quillet/core/Clock.h"
+#include "quillet/core/MainQueue.h"
+#include "quillet/core/Platform.h"
+#include "quillet/core/QuilletCMP.h"
+#include "quillet/network/QLTAPIServer.h"
+#include "quillet/storage/SqliteKeyValueStore.h"
+#include "quillet/storage/StorageKeys.h"
+#include "quillet/ui/ScreenHost.h"
+
+#include "BenchData.h"
+
+namespace {
+
+using namespace quillet;
+
+const std::string kConfig = R"({"vendorListVersion": 106, "publisherCC": "DE"})";
+
+// A clock that moves on a tenth of a second at every reading, so that no two strings are equal
+// and every action is posted.
+class SteppingClock final : public Clock {
+ public:
+  std::chrono::system_clock::time_point now() const noexcept override {
+    return std::chrono::system_clock::time_point(std::chrono::milliseconds(next_ += 100));
+  }
+
+ private:
+  mutable std::atomic<std::int64_t> next_{1700000000000};
+};
+
+class CountingHost final : public ScreenHost {
+ public:
+  explicit CountingHost(bool available) : available_(available) {}
+  bool canPresent() const override { return available_; }
+  void presentBanner(ScreenContent) override { ++banners; }
+  void presentSecondLayer(ScreenContent) override {}
+  std::atomic<int> banners{0};
+
+ private:
+  bool available_;
+};
+
+// A loopback server, a SQLite store and an installed platform for one benchmark.
+class Setup {
+ public:
+  explicit Setup(bool screens) : host(std::make_shared<CountingHost>(screens)) {
+    gvl_ = bench::testdataText("gvl-v3-106.json");
+    server_.set_tcp_nodelay(true);
+    server_.Get("/cdn/pub/banner_config.json", [](const httplib::Request&, httplib::Response& r) {
+      r.set_content(kConfig, "application/octet-stream");
+    });
+    server_.Get("/cdn/gvl.json", [this](const httplib::Request&, httplib::Response& r) {
+      r.set_content(gvl_, "application/octet-stream");
+    });
+    server_.Post(R"(/api/.*)", [](const httplib::Request&, httplib::Response& r) {
+      r.set_content("{}", "application/json");
+    });
+    const int port = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running())
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    directory_ = pattern;
+    store = SqliteKeyValueStore::open(directory_ / "store.sqlite").value();
+    const std::string base = "http://127.0.0.1:" + std::to_string(port);
+    Platform::install({.keyValueStore = store,
+                       .endpoints = Endpoints{base + "/cdn/", base + "/api"},
+                       .mainQueue = main,
+                       .screenHost = host,
+                       .clock = std::make_shared<SteppingClock>()});
+  }
+  ~Setup() {
+    Platform::install({});
+    QLTAPIServer::clearCache();
+    server_.stop();
+    thread_.join();
+    std::filesystem::remove_all(directory_);
+  }
+
+  // Initialises `facade` and pumps the main queue until `done` holds.
+  void start(QuilletCMP& facade, const std::function<bool()>& done) {
+    facade.initialize("pub");
+    while (!done())
+      main->runFor(std::chrono::milliseconds(1));
+  }
+
+  std::shared_ptr<RunLoop> main = std::make_shared<RunLoop>();
+  std::shared_ptr<CountingHost> host;
+  std::shared_ptr<SqliteKeyValueStore> store;
+
+ private:
+  std::string gvl_;
+  httplib::Server server_;
+  std::thread thread_;
+  std::filesystem::path directory_;
+};
+
+void HandleAcceptAllRealVendorList(benchmark::State& state) {
+  Setup setup(false);
+  auto facade = QuilletCMP::create();
+  setup.start(*facade, [&] { return facade->isConfigLoaded(); });
+  state.counters["vendors"] = static_cast<double>(facade->vendors().size());
+  for (auto _ : state)
+    facade->acceptAllSelections();
+}
+BENCHMARK(HandleAcceptAllRealVendorList)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void StartUpFromCachedVendorListToBanner(benchmark::State& state) {
+  Setup setup(true);
+  {
+    // One start that downloads and caches the vendor list with its version.
+    auto first = QuilletCMP::create();
+    setup.start(*first, [&] { return setup.host->banners.load() == 1; });
+  }
+  for (auto _ : state) {
+    state.PauseTiming();
+    QLTAPIServer::clearCache();  // as in a new process: the list comes from the store
+    setup.store->remove(StorageKeys::tcString);
+    auto facade = QuilletCMP::create();
+    const int before = setup.host->banners.load();
+    state.ResumeTiming();
+    setup.start(*facade, [&] { return setup.host->banners.load() > before; });
+  }
+}
+BENCHMARK(StartUpFromCachedVendorListToBanner)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
