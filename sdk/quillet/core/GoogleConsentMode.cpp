@@ -6,18 +6,12 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/core/AnalyticsRegistry.h"
 #include "quillet/core/QltLog.h"
+#include "quillet/core/Text.h"
 
 namespace quillet::GoogleConsentMode {
 namespace {
 
 constexpr std::string_view kTag = "QuilletCMP";
-
-std::string printed(const std::vector<std::int64_t>& ids) {
-  std::string out = "[";
-  for (std::size_t i = 0; i < ids.size(); ++i)
-    out += (i ? ", " : "") + std::to_string(ids[i]);
-  return out + "]";
-}
 
 std::string printed(const std::map<std::string, std::string>& signals) {
   std::string out = "[";
@@ -60,8 +54,9 @@ void update(std::string_view tcString, const AnalyticsRegistry& registry) {
   std::vector<std::int64_t> purposes;
   if (decoded) {
     purposes = *decoded;
-    QltLog::i(kTag,
-              [&] { return "[GoogleConsentMode] DEBUG: normalized pc = " + printed(purposes); });
+    QltLog::i(kTag, [&] {
+      return "[GoogleConsentMode] DEBUG: normalized pc = " + Text::printedList(purposes);
+    });
   }
   const auto signals = signalsFrom(purposes);
   const auto line = [&] {

@@ -34,13 +34,6 @@ std::optional<std::string> storedConsent() {
   return text;
 }
 
-std::string printed(const Ids& ids) {
-  std::string out = "[";
-  for (std::size_t i = 0; i < ids.size(); ++i)
-    out += (i ? ", " : "") + std::to_string(ids[i]);
-  return out + "]";
-}
-
 Ids sortedUnique(Ids ids) {
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
@@ -535,7 +528,7 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   });
   QltLog::i(kTag, [&] {
     return "[GoogleConsentMode] DEBUG: purposeConsents in AcceptAll = " +
-           printed(choices.purposeConsents);
+           Text::printedList(choices.purposeConsents);
   });
   updateGoogleConsentModeFromTCString(tcString);
 

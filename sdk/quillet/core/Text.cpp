@@ -115,4 +115,22 @@ std::optional<std::int64_t> parseInteger(std::string_view text) noexcept {
   return number;
 }
 
+std::string printedList(std::span<const std::int64_t> numbers) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    if (i > 0) out += ", ";
+    out += std::to_string(numbers[i]);
+  }
+  return out + "]";
+}
+
+std::string printedList(std::span<const std::string_view> texts) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    if (i > 0) out += ", ";
+    out.append("\"").append(texts[i]).append("\"");
+  }
+  return out + "]";
+}
+
 }  // namespace quillet::Text

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -22,5 +23,10 @@ std::string uppercased(std::string_view utf8);
 /// ("7", "+7", "-7", "007"); absent for anything else: empty text, white space, other
 /// characters, or a value outside the signed 64-bit range.
 std::optional<std::int64_t> parseInteger(std::string_view text) noexcept;
+
+/// Integers as log lines print lists: "[1, 2, 7]".
+std::string printedList(std::span<const std::int64_t> numbers);
+/// Texts as log lines print lists: "[\"1\", \"10\", \"2\"]".
+std::string printedList(std::span<const std::string_view> texts);
 
 }  // namespace quillet::Text

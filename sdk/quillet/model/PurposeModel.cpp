@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "quillet/core/QltLog.h"
+#include "quillet/core/Text.h"
 #include "quillet/model/GvlEntry.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/KeyedDecoder.h"
@@ -29,7 +30,7 @@ std::vector<PurposeModel> PurposeModel::parse(const boost::json::object& from) {
     for (const auto& member : *purposes)
       keys.emplace_back(member.key());
     std::sort(keys.begin(), keys.end());
-    return "Purposes raw keys: " + gvl::printList(keys);
+    return "Purposes raw keys: " + Text::printedList(keys);
   });
 
   std::vector<PurposeModel> parsed;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "quillet/core/QltLog.h"
+#include "quillet/core/Text.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/GvlEntry.h"
 #include "quillet/model/Json.h"
@@ -55,13 +56,13 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
   const auto isAllowed = [&](std::int64_t id) {
     return std::binary_search(allowed.begin(), allowed.end(), id);
   };
-  QltLog::d(kTag, [&] { return "Allowed Vendor IDs: " + gvl::printList(allowed); });
+  QltLog::d(kTag, [&] { return "Allowed Vendor IDs: " + Text::printedList(allowed); });
   QltLog::d(kTag, [&] {
     std::vector<std::string_view> keys;
     keys.reserve(vendors->size());
     for (const auto& member : *vendors)
       keys.emplace_back(member.key());
-    return "Vendors raw keys: " + gvl::printList(keys);
+    return "Vendors raw keys: " + Text::printedList(keys);
   });
 
   std::vector<VendorModel> parsed;

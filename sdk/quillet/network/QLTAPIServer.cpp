@@ -68,17 +68,10 @@ std::string_view textOf(const Bytes& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// A JSON object from bytes, or nothing.
-VendorList objectFrom(std::string_view text) {
-  auto document = Json::parse(text);
-  if (!document || !document->is_object()) return nullptr;
-  return std::make_shared<const boost::json::object>(std::move(document->get_object()));
-}
-
 // The vendor list stored under qlt_gvl_json, when its bytes form a JSON object.
 VendorList storedGVL() {
-  const auto bytes = ConsentStorage::store()->readBytes(StorageKeys::gvlJson);
-  return bytes ? objectFrom(textOf(*bytes)) : nullptr;
+  auto stored = ConsentStorage::loadGVL();
+  return stored ? std::make_shared<const boost::json::object>(std::move(*stored)) : nullptr;
 }
 
 // Sends through the operation's client; when that client is gone the request fails at once as

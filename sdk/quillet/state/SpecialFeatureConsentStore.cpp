@@ -40,23 +40,20 @@ std::int64_t integerKey(const std::string& key, std::string_view storeKey) {
   return *id;
 }
 
-// The flags of a dictionary whose every value is a boolean; nothing for any other shape.
-std::optional<ConsentFlags> flagsOf(const StoreValue::Dictionary& dictionary,
-                                    std::string_view storeKey) {
-  ConsentFlags flags;
-  for (const auto& [key, value] : dictionary) {
-    const bool* on = value.get<bool>();
-    if (on == nullptr) return std::nullopt;
-    flags.emplace(integerKey(key, storeKey), *on);
-  }
-  return flags;
-}
-
-// Shape first, then keys: a wrongly shaped value is ignored before any key is judged.
+// Only booleans inside: the persisted shape. Checked before any key is read, so that a value
+// of the wrong shape is ignored rather than judged by its keys.
 bool isFlagDictionary(const StoreValue::Dictionary& dictionary) {
   return std::all_of(dictionary.begin(), dictionary.end(), [](const auto& entry) {
     return entry.second.template get<bool>() != nullptr;
   });
+}
+
+// The flags of a dictionary of booleans.
+ConsentFlags flagsOf(const StoreValue::Dictionary& dictionary, std::string_view storeKey) {
+  ConsentFlags flags;
+  for (const auto& [key, value] : dictionary)
+    flags.emplace(integerKey(key, storeKey), *value.get<bool>());
+  return flags;
 }
 
 }  // namespace
@@ -195,9 +192,9 @@ void SpecialFeatureConsentStore::loadPersisted() {
     if (shaped) {
       NestedConsentFlags states;
       for (const auto& [key, value] : *stored) {
-        states.emplace(integerKey(key, StorageKeys::specialFeatureVendorStates),
-                       *flagsOf(*value.get<StoreValue::Dictionary>(),
-                                StorageKeys::specialFeatureVendorStates));
+        states.emplace(
+            integerKey(key, StorageKeys::specialFeatureVendorStates),
+            flagsOf(*value.get<StoreValue::Dictionary>(), StorageKeys::specialFeatureVendorStates));
       }
       std::lock_guard lock(mutex_);
       vendorStates_ = std::move(states);
@@ -206,7 +203,7 @@ void SpecialFeatureConsentStore::loadPersisted() {
   }
   if (const auto stored = store->readDictionary(StorageKeys::specialFeatureMasterStates)) {
     if (isFlagDictionary(*stored)) {
-      ConsentFlags states = *flagsOf(*stored, StorageKeys::specialFeatureMasterStates);
+      ConsentFlags states = flagsOf(*stored, StorageKeys::specialFeatureMasterStates);
       std::lock_guard lock(mutex_);
       masterStates_ = std::move(states);
     }
