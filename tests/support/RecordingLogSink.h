@@ -46,7 +46,8 @@ class LogCapture {
   /// Each line from its level on, without the timestamp: "[INFO] [QLT-CMP:Tag] message".
   std::vector<std::string> lines() const {
     std::vector<std::string> out;
-    for (const auto& line : sink_->lines()) out.push_back(line.substr(line.find("] [") + 2));
+    for (const auto& line : sink_->lines())
+      out.push_back(line.substr(line.find("] [") + 2));
     return out;
   }
   /// Forgets what was written so far.
