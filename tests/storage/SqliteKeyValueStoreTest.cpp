@@ -93,9 +93,11 @@ TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrup
   const testing::TempDirectory directory;
   const auto path = directory / "store.sqlite";
   std::mt19937 random(20261122);
-  std::int64_t synchronisedInAll = 0;
   for (int round = 0; round < 200; ++round) {
     const auto hammer = storeTool({"hammer", path.string(), std::to_string(round)});
+    // Kill at a random moment after a random number of synchronised writes, so that the test
+    // does not depend on how fast this machine's disk is.
+    ASSERT_TRUE(hammer->awaitLines(random() % 4)) << "round " << round;
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
     hammer->kill();
     const auto ended = hammer->finish();
@@ -108,7 +110,6 @@ TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrup
     for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
       lastPrinted = std::stoll(output.substr(start, end - start));
     }
-    synchronisedInAll += lastPrinted;
     if (!std::filesystem::exists(path)) {  // killed before it created the store
       ASSERT_EQ(lastPrinted, 0);
       continue;
@@ -124,8 +125,6 @@ TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrup
       EXPECT_GE(store->readInteger("last"), base + lastPrinted);
     }
   }
-  // The test means something only if the children got to write.
-  EXPECT_GT(synchronisedInAll, 200);
 }
 
 class StoreRecovery : public ::testing::Test {

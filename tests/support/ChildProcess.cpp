@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include <algorithm>
 #include <array>
 
 #include <poll.h>
@@ -51,9 +52,20 @@ void ChildProcess::kill() {
   if (pid_ > 0) ::kill(pid_, SIGKILL);
 }
 
+bool ChildProcess::awaitLines(std::size_t lines) {
+  while (static_cast<std::size_t>(std::count(early_.begin(), early_.end(), '\n')) < lines) {
+    std::array<char, 4096> buffer{};
+    const ssize_t n = out_ >= 0 ? read(out_, buffer.data(), buffer.size()) : 0;
+    if (n <= 0) return false;
+    early_.append(buffer.data(), static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
 ChildProcess::Result ChildProcess::finish(const std::string& input) {
   Result result;
   if (pid_ <= 0) return result;
+  result.out = std::move(early_);
   std::size_t written = 0;
   if (input.empty()) {
     close(in_);

@@ -25,6 +25,9 @@ class ChildProcess {
 
   bool started() const noexcept { return pid_ > 0; }
   void kill();
+  /// Reads standard output until it holds `lines` line ends or ends; what was read is kept for
+  /// `finish`. Returns whether that many lines came.
+  bool awaitLines(std::size_t lines);
   /// Writes `input` and closes standard input, reads both outputs to their end, and waits.
   Result finish(const std::string& input = "");
 
@@ -33,6 +36,7 @@ class ChildProcess {
   int in_ = -1;
   int out_ = -1;
   int err_ = -1;
+  std::string early_;  ///< standard output read before `finish`
 };
 
 /// Runs a program to its end.
