@@ -23,6 +23,7 @@
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
+#include "quillet/ui/CMPBannerViewController.h"
 #include "quillet/ui/ScreenHost.h"
 
 using namespace quillet;
@@ -33,11 +34,22 @@ class PrintingHost final : public ScreenHost {
  public:
   explicit PrintingHost(std::optional<ConsentAction> answer) : answer_(std::move(answer)) {}
   bool canPresent() const override { return true; }
-  void presentBanner(ScreenContent content) override {
+  void openUrl(const std::string&) override {}
+
+ protected:
+  void update(const Update& update) override {
+    if (update.kind != Update::Kind::presented) return;
+    const auto banner = std::dynamic_pointer_cast<CMPBannerViewController>(topScreen());
+    if (!banner) {
+      std::printf("second layer presented\n");
+      return;
+    }
     std::printf("banner presented\n");
-    if (answer_) content.onOutcome(*answer_);
+    if (answer_) {
+      banner->perform(answer_->kind() == ConsentAction::Kind::rejectAll ? "onRejectAll"
+                                                                        : "onAcceptAll");
+    }
   }
-  void presentSecondLayer(ScreenContent) override { std::printf("second layer presented\n"); }
 
  private:
   std::optional<ConsentAction> answer_;

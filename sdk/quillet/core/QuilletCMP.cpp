@@ -12,6 +12,7 @@
 #include "quillet/core/QltLog.h"
 #include "quillet/core/Text.h"
 #include "quillet/model/Json.h"
+#include "quillet/model/VendorList.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/state/PendingConsentStore.h"
 #include "quillet/state/PurposeConsentStore.h"
@@ -19,7 +20,9 @@
 #include "quillet/state/VendorConsentStore.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/StorageKeys.h"
+#include "quillet/ui/CMPBannerViewController.h"
 #include "quillet/ui/ScreenHost.h"
+#include "quillet/ui/SecondLayerViewController.h"
 
 namespace quillet {
 namespace {
@@ -44,13 +47,6 @@ bool contains(const Ids& sorted, std::int64_t id) {
   return std::binary_search(sorted.begin(), sorted.end(), id);
 }
 
-// The vendor list's "vendors" object, or an empty one.
-const boost::json::object& vendorsOf(const boost::json::object& gvl) {
-  static const boost::json::object kNone;
-  const boost::json::object* vendors = Json::object(Json::member(gvl, "vendors"));
-  return vendors != nullptr ? *vendors : kNone;
-}
-
 // A vendor's declared list ("purposes" or "legIntPurposes") as integers; nothing contributes
 // when the vendor, the key or the type is missing.
 Ids declared(const boost::json::object& gvlVendors, std::int64_t vendorId, std::string_view key) {
@@ -58,32 +54,6 @@ Ids declared(const boost::json::object& gvlVendors, std::int64_t vendorId, std::
       Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
   if (entry == nullptr) return {};
   return Json::exactIntegerArray(Json::member(*entry, key)).value_or(Ids{});
-}
-
-// Keys of an object that parse as integers, ascending.
-Ids integerKeys(const boost::json::object& object) {
-  Ids ids;
-  for (const auto& member : object) {
-    if (const auto id = Text::parseInteger(member.key())) ids.push_back(*id);
-  }
-  std::sort(ids.begin(), ids.end());
-  return ids;
-}
-
-// Special feature ids: the integer keys of an object, or the "id" of each element of an array.
-Ids allSpecialFeatureIds(const boost::json::object& gvl) {
-  const boost::json::value* features = Json::member(gvl, "specialFeatures");
-  if (const boost::json::object* object = Json::object(features)) return integerKeys(*object);
-  Ids ids;
-  if (const boost::json::array* array = Json::array(features)) {
-    for (const auto& element : *array) {
-      const boost::json::object* entry = element.if_object();
-      if (entry == nullptr) continue;
-      if (const auto id = Json::exactInteger(Json::member(*entry, "id"))) ids.push_back(*id);
-    }
-  }
-  std::sort(ids.begin(), ids.end());
-  return ids;
 }
 
 // The five lists of the TC String for one action.
@@ -291,7 +261,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   const auto stored = storedConsent();
   if (!stored) {
     // Legitimate interest starts switched on for every purpose a vendor declares it for.
-    const boost::json::object& gvlVendors = vendorsOf(*gvl);
+    const boost::json::object& gvlVendors = VendorList::vendors(*gvl);
     for (const auto vendorId : vendorIds) {
       const boost::json::object* entry =
           Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
@@ -318,24 +288,37 @@ void QuilletCMP::presentBannerForStartup(std::function<void()> completion) {
     completion();
     return;
   }
-  presentBanner(
-      [self = weak_from_this(), completion = std::move(completion)](ConsentAction action) {
-        if (const auto facade = self.lock()) facade->handleConsentAction(action);
-        completion();
-      });
+  presentBanner(std::move(completion));
 }
 
-void QuilletCMP::presentBanner(std::function<void(ConsentAction)> onOutcome) {
+ScreenContent QuilletCMP::screenContent(Snapshot snapshot) {
+  return ScreenContent{std::move(*snapshot.config),
+                       std::move(snapshot.purposes),
+                       std::move(snapshot.vendors),
+                       std::move(snapshot.rawVendors),
+                       std::move(snapshot.gvl),
+                       std::nullopt,
+                       [self = weak_from_this()](const ConsentAction& action) {
+                         if (const auto facade = self.lock()) facade->handleConsentAction(action);
+                       }};
+}
+
+void QuilletCMP::presentBanner(std::function<void()> onFinished) {
   const Platform platform = Platform::current();
   platform.mainQueue->post([self = weak_from_this(), host = platform.screenHost,
-                            onOutcome = std::move(onOutcome)]() mutable {
+                            onFinished = std::move(onFinished)]() mutable {
     const auto facade = self.lock();
     if (!facade || !host || !host->canPresent()) return;
     Snapshot s = facade->snapshot();
     if (!s.loaded()) return;
-    host->presentBanner(ScreenContent{std::move(*s.config), std::move(s.purposes),
-                                      std::move(s.vendors), std::move(s.rawVendors),
-                                      std::move(s.gvl), std::move(onOutcome)});
+    auto banner = std::make_shared<CMPBannerViewController>(facade->screenContent(std::move(s)),
+                                                            [self](ConsentAction action) {
+                                                              if (const auto f = self.lock())
+                                                                f->handleConsentAction(action);
+                                                            });
+    banner->onFinished = std::move(onFinished);
+    host->present(std::move(banner),
+                  Presentation{PresentationStyle::fullScreen, Transition::crossDissolve, true});
   });
 }
 
@@ -348,11 +331,8 @@ void QuilletCMP::openSecondLayer() {
   const Ids vendorIds = s.vendorIds();
   syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
                                {vendorIds.begin(), vendorIds.end()}, *s.gvl);
-  host->presentSecondLayer(ScreenContent{
-      std::move(*s.config), std::move(s.purposes), std::move(s.vendors), std::move(s.rawVendors),
-      std::move(s.gvl), [self = weak_from_this()](ConsentAction action) {
-        if (const auto facade = self.lock()) facade->handleConsentAction(action);
-      }});
+  host->present(std::make_shared<SecondLayerViewController>(screenContent(std::move(s))),
+                Presentation{PresentationStyle::fullScreen, Transition::coverVertical, true});
 }
 
 void QuilletCMP::showBanner(bool force) {
@@ -369,9 +349,7 @@ void QuilletCMP::showBanner(bool force) {
     if (secondLayer) {
       facade->openSecondLayer();
     } else {
-      facade->presentBanner([self](ConsentAction action) {
-        if (const auto f = self.lock()) f->handleConsentAction(action);
-      });
+      facade->presentBanner({});
     }
   };
   const auto onMain = [queue, screen] {
@@ -432,8 +410,8 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   const Ids allPurposeIds = s.purposeIds();
   const Ids vendorIds =
       s.config->selectedVendorIds() ? *s.config->selectedVendorIds() : s.vendorIds();
-  const boost::json::object& gvlVendors = vendorsOf(gvl);
-  const Ids gvlVendorIds = integerKeys(gvlVendors);
+  const boost::json::object& gvlVendors = VendorList::vendors(gvl);
+  const Ids gvlVendorIds = VendorList::integerKeys(gvlVendors);
   const std::int64_t vendorListVersion =
       Json::exactInteger(Json::member(gvl, "vendorListVersion")).value_or(1);
   const std::int64_t policyVersion =
@@ -457,7 +435,7 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
       for (const auto id : allPurposeIds) {
         if (contains(legInt, id)) choices.purposeLegitimateInterests.push_back(id);
       }
-      choices.specialFeatureOptins = allSpecialFeatureIds(gvl);
+      choices.specialFeatureOptins = VendorList::specialFeatureIds(gvl);
       choices.vendorConsents = sortedVendorIds;
       choices.vendorLegitimateInterests =
           sortedUnique(std::move(choices.vendorLegitimateInterests));
@@ -582,7 +560,7 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
   }
   VendorConsentStore::shared().replaceStates(std::move(vendors));
 
-  const boost::json::object& gvlVendors = vendorsOf(gvl);
+  const boost::json::object& gvlVendors = VendorList::vendors(gvl);
   for (const auto vendorId : vendorIds) {
     if (!in(decoded->vendorLegitimateInterests, vendorId)) continue;
     for (const auto purpose : declared(gvlVendors, vendorId, "legIntPurposes")) {
@@ -615,7 +593,7 @@ std::optional<std::string> QuilletCMP::makeTCStringRejectAll() {
   if (!gvl) return std::nullopt;
   return QLTCMPUtils::encodeTCString(
       QLTCMPUtils::TCStringInput{
-          .gvlVendorIds = integerKeys(vendorsOf(*gvl)),
+          .gvlVendorIds = VendorList::integerKeys(VendorList::vendors(*gvl)),
           .cmpId = 471,
           .cmpVersion = 1,
           .consentScreen = 0,

@@ -16,6 +16,7 @@
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
+#include "quillet/ui/ScreenContent.h"
 
 namespace quillet {
 
@@ -83,7 +84,9 @@ class QuilletCMP : public std::enable_shared_from_this<QuilletCMP> {
   void applyFetchedConfig(std::optional<BrandingConfig> config,
                           std::shared_ptr<const boost::json::object> gvl);
   void presentBannerForStartup(std::function<void()> completion);
-  void presentBanner(std::function<void(ConsentAction)> onOutcome);
+  // Presents the first-layer banner on the main queue; `onFinished` runs once the user decided.
+  void presentBanner(std::function<void()> onFinished);
+  ScreenContent screenContent(Snapshot snapshot);
   void openSecondLayer();
 
   mutable std::mutex mutex_;

@@ -146,6 +146,11 @@ void SpecialFeatureConsentStore::setVendor(std::int64_t featureId, std::int64_t 
   announceVendor(featureId, vendorId, isOn);
 }
 
+void SpecialFeatureConsentStore::assignMaster(std::int64_t featureId, bool isOn) {
+  std::lock_guard lock(mutex_);
+  masterStates_[featureId] = isOn;
+}
+
 void SpecialFeatureConsentStore::replaceMasterStates(ConsentFlags states) {
   {
     std::lock_guard lock(mutex_);

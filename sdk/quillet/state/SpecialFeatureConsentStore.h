@@ -29,6 +29,9 @@ class SpecialFeatureConsentStore {
   /// switches it off (each announced first); then announces the vendor.
   void setVendor(std::int64_t featureId, std::int64_t vendorId, bool isOn);
 
+  /// Sets one master entry as a plain assignment: no cascade, no announcement.
+  void assignMaster(std::int64_t featureId, bool isOn);
+
   /// Assign whole maps and announce each entry; the pending store is not written.
   void replaceMasterStates(ConsentFlags states);
   void replaceVendorStates(NestedConsentFlags states);

@@ -1,0 +1,55 @@
+#include "quillet/model/VendorList.h"
+
+#include <algorithm>
+
+#include "quillet/core/Text.h"
+#include "quillet/model/Json.h"
+
+namespace quillet::VendorList {
+
+const boost::json::object& vendors(const boost::json::object& gvl) {
+  static const boost::json::object kNone;
+  const boost::json::object* found = Json::object(Json::member(gvl, "vendors"));
+  return found != nullptr ? *found : kNone;
+}
+
+std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
+  std::vector<std::int64_t> ids;
+  for (const auto& member : object) {
+    if (const auto id = Text::parseInteger(member.key())) ids.push_back(*id);
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl) {
+  const boost::json::value* features = Json::member(gvl, "specialFeatures");
+  if (const boost::json::object* object = Json::object(features)) return integerKeys(*object);
+  std::vector<std::int64_t> ids;
+  if (const boost::json::array* array = Json::array(features)) {
+    for (const auto& element : *array) {
+      const boost::json::object* entry = element.if_object();
+      if (entry == nullptr) continue;
+      if (const auto id = Json::exactInteger(Json::member(*entry, "id"))) ids.push_back(*id);
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+std::vector<const boost::json::object*> specialFeatures(const boost::json::object& gvl) {
+  std::vector<const boost::json::object*> entries;
+  const boost::json::value* features = Json::member(gvl, "specialFeatures");
+  if (const boost::json::object* object = Json::object(features)) {
+    for (const auto& member : *object) {
+      if (const auto* entry = member.value().if_object()) entries.push_back(entry);
+    }
+  } else if (const boost::json::array* array = Json::array(features)) {
+    for (const auto& element : *array) {
+      if (const auto* entry = element.if_object()) entries.push_back(entry);
+    }
+  }
+  return entries;
+}
+
+}  // namespace quillet::VendorList

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <boost/json/object.hpp>
+
+/// Readers of the parts of a vendor list document that the facade and the screens share.
+namespace quillet::VendorList {
+
+/// The document's "vendors" object, or an empty one.
+const boost::json::object& vendors(const boost::json::object& gvl);
+
+/// The keys of an object that read as decimal integers, ascending.
+std::vector<std::int64_t> integerKeys(const boost::json::object& object);
+
+/// The special feature ids: the integer keys of "specialFeatures" when it is an object, the
+/// integer "id" of each element when it is an array, else none. Ascending.
+std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
+
+/// The special feature entries in document order: the object's member values, or the array's
+/// object elements; none when the member is missing or of another kind.
+std::vector<const boost::json::object*> specialFeatures(const boost::json::object& gvl);
+
+}  // namespace quillet::VendorList

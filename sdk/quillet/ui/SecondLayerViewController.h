@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "quillet/ui/Screen.h"
+#include "quillet/ui/ScreenContent.h"
+
+namespace quillet {
+
+class PurposeTabViewController;
+class VendorsPageViewController;
+
+/// Told by the second layer how it ended (never told of a reject-all).
+class SecondLayerDelegate {
+ public:
+  virtual ~SecondLayerDelegate() = default;
+  virtual void didAcceptAll() = 0;
+  virtual void didSaveSelections(const std::vector<std::int64_t>& purposes,
+                                 const std::vector<std::int64_t>& vendors) = 0;
+};
+
+/// "Manage Preferences": a purposes page and a vendors page switched by two segments, and the
+/// Save, Accept All and Reject All buttons, which write the consent stores, hand a
+/// `ConsentAction` to the facade's handler and close both consent screens.
+class SecondLayerViewController final : public Screen {
+ public:
+  explicit SecondLayerViewController(ScreenContent content);
+  ~SecondLayerViewController() override;
+
+  std::string title() const override;
+  std::string document() const override;
+
+  void saveTapped();
+  void acceptAllTapped();
+  void rejectAllTapped();
+  /// Shows page `index` (0 purposes, 1 vendors); other indices are ignored.
+  void segmentChanged(std::int64_t index);
+  std::int64_t selectedSegment() const noexcept { return selected_; }
+
+  const ScreenContent& content() const noexcept { return content_; }
+
+  /// Held weakly.
+  std::weak_ptr<SecondLayerDelegate> delegate;
+
+  /// The pages, built on first use.
+  PurposeTabViewController& purposeVC();
+  VendorsPageViewController& vendorsVC();
+
+ protected:
+  void handleEvent(const ScreenEvent& event) override;
+
+ private:
+  // Closes both consent screens, then runs `followUp` (when this screen still exists).
+  void close(std::function<void()> followUp);
+  // Presents a details screen over this one; the pages are brought in line when it closes.
+  void openDetails(std::shared_ptr<Screen> details);
+  std::set<std::int64_t> purposeIds() const;
+
+  ScreenContent content_;
+  std::int64_t selected_ = 0;
+  std::unique_ptr<PurposeTabViewController> purposeVC_;
+  std::unique_ptr<VendorsPageViewController> vendorsVC_;
+};
+
+}  // namespace quillet
