@@ -15,6 +15,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
+#include "support/Announcements.h"
 #include "support/RecordingLogSink.h"
 
 namespace quillet {
@@ -77,37 +78,6 @@ TEST(NotificationCenter, ManyThreadsPostAndSubscribeAtOnce) {
 }
 
 // Records every store notification on the default centre as text.
-class Announcements {
- public:
-  Announcements() {
-    auto& center = NotificationCenter::defaultCenter();
-    for (const std::string_view name :
-         {NotificationNames::purposeConsentChanged, NotificationNames::vendorConsentChanged,
-          NotificationNames::specialFeatureMasterChanged,
-          NotificationNames::specialFeatureVendorChanged}) {
-      tokens_.push_back(center.addObserver(std::string(name), [this](const Notification& n) {
-        std::string line = n.name;
-        for (const auto& [key, value] : n.userInfo) {
-          line +=
-              " " + key + "=" +
-              (std::holds_alternative<bool>(value) ? (std::get<bool>(value) ? "true" : "false")
-                                                   : std::to_string(std::get<std::int64_t>(value)));
-        }
-        std::lock_guard lock(mutex_);
-        lines_.push_back(line);
-      }));
-    }
-  }
-  std::vector<std::string> take() {
-    std::lock_guard lock(mutex_);
-    return std::exchange(lines_, {});
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-  std::vector<NotificationCenter::Token> tokens_;
-};
 
 // The stores are process-wide: every test starts them empty, on a store in memory.
 class ConsentStores : public ::testing::Test {
@@ -124,7 +94,7 @@ class ConsentStores : public ::testing::Test {
   void TearDown() override { ConsentStorage::setStore(nullptr); }
 
   std::shared_ptr<MemoryKeyValueStore> store_ = std::make_shared<MemoryKeyValueStore>();
-  Announcements announced_;
+  testing::Announcements announced_;
 };
 
 TEST_F(ConsentStores, PendingResetSwitchesEverythingOffButLeavesLegitimateInterestEmpty) {
