@@ -40,6 +40,7 @@ bench: build
 	./build/release/bench/network_bench --benchmark_min_time=1 --benchmark_repetitions=5 \
 	  --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
 	./build/release/bench/facade_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+	./build/release/bench/screen_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 format:
 	clang-format -i $(FORMAT_FILES)

@@ -22,6 +22,7 @@
 #include "quillet/ui/CMPBannerViewController.h"
 
 #include "support/RecordingScreenHost.h"
+#include "support/ScreenData.h"
 
 namespace quillet::testing {
 
@@ -66,22 +67,8 @@ class ScreenFixture : public ::testing::Test {
 
   /// Screen content from a configuration and a vendor list; consent actions are recorded.
   ScreenContent content(BrandingConfig::Fields fields, const std::string& vendorList) {
-    const BrandingConfig config(std::move(fields));
-    auto gvl =
-        std::make_shared<const boost::json::object>(Json::parse(vendorList).value().as_object());
-    auto vendors = VendorModel::parse(*gvl, config);
-    std::vector<std::shared_ptr<const boost::json::object>> raw;
-    const auto& entries = gvl->at("vendors").as_object();
-    for (const auto& vendor : vendors) {
-      raw.emplace_back(gvl, &entries.at(std::to_string(vendor.id())).as_object());
-    }
-    return ScreenContent{config,
-                         PurposeModel::parse(*gvl),
-                         std::move(vendors),
-                         std::move(raw),
-                         gvl,
-                         std::nullopt,
-                         [this](const ConsentAction& action) { actions_.push_back(action); }};
+    return screenContent(BrandingConfig(std::move(fields)), vendorList,
+                         [this](const ConsentAction& action) { actions_.push_back(action); });
   }
 
   std::shared_ptr<CMPBannerViewController> makeBanner(BrandingConfig::Fields fields,

@@ -25,6 +25,8 @@
 #include "quillet/ui/ScreenHost.h"
 #include "quillet/ui/SecondLayerViewController.h"
 
+#include "support/ScreenData.h"
+
 using namespace quillet;
 
 namespace {
@@ -51,19 +53,6 @@ bool writeFile(const std::string& path, const std::string& text) {
   return static_cast<bool>(out);
 }
 
-ScreenContent contentOf(const BrandingConfig& config, const std::string& vendorList) {
-  auto gvl =
-      std::make_shared<const boost::json::object>(Json::parse(vendorList).value().as_object());
-  auto vendors = VendorModel::parse(*gvl, config);
-  std::vector<std::shared_ptr<const boost::json::object>> raw;
-  const auto& entries = gvl->at("vendors").as_object();
-  for (const auto& vendor : vendors)
-    raw.emplace_back(gvl, &entries.at(std::to_string(vendor.id())).as_object());
-  return ScreenContent{
-      config,       PurposeModel::parse(*gvl),  std::move(vendors), std::move(raw), gvl,
-      std::nullopt, [](const ConsentAction&) {}};
-}
-
 // Writes every screen for one configuration and vendor list, file names starting with `prefix`.
 bool writeScreens(const std::string& dir, const std::string& prefix, const BrandingConfig& config,
                   const std::string& vendorList, std::int64_t detailsIndex) {
@@ -71,7 +60,7 @@ bool writeScreens(const std::string& dir, const std::string& prefix, const Brand
   Platform current = Platform::current();
   current.screenHost = host;
   Platform::install(current);
-  const auto content = contentOf(config, vendorList);
+  const auto content = testing::screenContent(config, vendorList);
   auto banner = std::make_shared<CMPBannerViewController>(content, [](ConsentAction) {});
   host->present(banner, {});
   bool ok = writeFile(dir + "/" + prefix + "banner.html", banner->document());

@@ -233,15 +233,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     if (contains(declaredPurposes, purpose.id())) purposes.push_back(std::move(purpose));
   }
 
-  std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
-  if (const boost::json::object* gvlVendors = Json::object(Json::member(*gvl, "vendors"))) {
-    for (const auto& vendor : vendors) {
-      if (const boost::json::object* entry =
-              Json::object(Json::member(*gvlVendors, std::to_string(vendor.id())))) {
-        rawVendors.emplace_back(gvl, entry);  // shares ownership of the document
-      }
-    }
-  }
+  auto rawVendors = VendorList::entriesOf(gvl, vendors);
 
   Ids purposeIds;
   for (const auto& purpose : purposes)

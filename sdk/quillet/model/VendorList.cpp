@@ -4,6 +4,7 @@
 
 #include "quillet/core/Text.h"
 #include "quillet/model/Json.h"
+#include "quillet/model/VendorModel.h"
 
 namespace quillet::VendorList {
 
@@ -47,6 +48,20 @@ std::vector<const boost::json::object*> specialFeatures(const boost::json::objec
   } else if (const boost::json::array* array = Json::array(features)) {
     for (const auto& element : *array) {
       if (const auto* entry = element.if_object()) entries.push_back(entry);
+    }
+  }
+  return entries;
+}
+
+std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+    const std::shared_ptr<const boost::json::object>& gvl,
+    const std::vector<VendorModel>& vendors) {
+  std::vector<std::shared_ptr<const boost::json::object>> entries;
+  if (!gvl) return entries;
+  const boost::json::object& all = VendorList::vendors(*gvl);
+  for (const auto& vendor : vendors) {
+    if (const auto* entry = Json::object(Json::member(all, std::to_string(vendor.id())))) {
+      entries.emplace_back(gvl, entry);
     }
   }
   return entries;

@@ -1,9 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <boost/json/object.hpp>
+
+namespace quillet {
+class VendorModel;
+}
 
 /// Readers of the parts of a vendor list document that the facade and the screens share.
 namespace quillet::VendorList {
@@ -21,5 +26,10 @@ std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
 /// The special feature entries in document order: the object's member values, or the array's
 /// object elements; none when the member is missing or of another kind.
 std::vector<const boost::json::object*> specialFeatures(const boost::json::object& gvl);
+
+/// The "vendors" entries of `vendors`, in their order, sharing ownership of `gvl`; a vendor
+/// without an entry under its decimal id is left out.
+std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+    const std::shared_ptr<const boost::json::object>& gvl, const std::vector<VendorModel>& vendors);
 
 }  // namespace quillet::VendorList
