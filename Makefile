@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo bench format tsan clean
+.PHONY: all deps build test demo codec-demo bench format tsan clean
 
 all: build
 
@@ -31,7 +31,12 @@ tsan: deps
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS)
 
+# The consent screens in a browser; DEMO_ARGS passes options, e.g. DEMO_ARGS="--reset".
+DEMO_ARGS ?=
 demo: build
+	./build/release/cli/quillet demo $(DEMO_ARGS)
+
+codec-demo: build
 	./scripts/demo build/release/cli/quillet testdata/vendor-list.json
 
 bench: build

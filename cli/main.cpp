@@ -1,4 +1,4 @@
-// The quillet command: reads and writes TC Strings.
+// The quillet command: reads and writes TC Strings, and shows the consent screens.
 
 #include <fstream>
 #include <iostream>
@@ -36,6 +36,27 @@ int main(int argc, char** argv) {
       ->add_option("--input", inputPath, "Read the JSON object from FILE instead of standard input")
       ->option_text("FILE");
 
+  quillet::cli::DemoOptions demoOptions;
+  demoOptions.testdata = QUILLET_TESTDATA_DIR;
+  CLI::App* demo = app.add_subcommand(
+      "demo", "Show the consent screens in a browser, with an embedded CDN and consent API");
+  demo->add_option("--port", demoOptions.port, "Port of the web host (0: any free port)")
+      ->capture_default_str();
+  demo->add_option("--state", demoOptions.state,
+                   "Folder of the consent store (default: $XDG_STATE_HOME/quillet-demo)");
+  demo->add_option("--settings-id", demoOptions.settingsId, "Publisher settings id")
+      ->capture_default_str();
+  demo->add_flag("--reset", demoOptions.reset, "Forget the stored consent first");
+  demo->add_flag("--manage", demoOptions.manage,
+                 "Open the second layer for a user who already decided");
+  demo->add_option("--config", demoOptions.config, "Banner configuration file")
+      ->option_text("FILE");
+  demo->add_option("--gvl", demoOptions.gvl, "Vendor list file")->option_text("FILE");
+  demo->add_option("--cdn", demoOptions.cdn, "A real configuration CDN (ending in /)")
+      ->option_text("URL");
+  demo->add_flag("--log", demoOptions.log, "Write the library's log lines to standard error");
+  demo->add_option("--api", demoOptions.api, "A real consent API")->option_text("URL");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -43,6 +64,7 @@ int main(int argc, char** argv) {
     return status == 0 ? 0 : kUsageError;
   }
 
+  if (demo->parsed()) return quillet::cli::runDemo(demoOptions, std::cout, std::cerr);
   if (decode->parsed()) {
     return quillet::cli::runDecode(decodeOptions, std::cin, std::cout, std::cerr);
   }

@@ -170,8 +170,6 @@ TEST_F(Screens, SaveHandsTheSwitchedOnListsToTheHandlerAndTheDelegate) {
   tap("quillet://vendor/755");
   tap("quillet://segment/7");  // no such page: ignored
   EXPECT_EQ(again->selectedSegment(), 1);
-  VendorConsentStore::shared().replaceStates({});  // the page wrote the store; save reads pending
-  PendingConsentStore::shared().setVendorConsent(755, true);
   tap("quillet://save");
   EXPECT_THAT(actions_, ElementsAre(ConsentAction::customize({3}, {755})));
   EXPECT_EQ(VendorConsentStore::shared().states(), flags({{755, true}}));
@@ -321,6 +319,13 @@ TEST_F(Screens, VendorDetailsKeepTheLegitimateInterestMasterInStepWithoutLoops) 
   EXPECT_THAT(document, HasSubstr("Info\u2011only Feature\u00A0"));
   EXPECT_THAT(document, HasSubstr("Max Device Storage"));
   EXPECT_THAT(document, HasSubstr("href=\"https://policies.google.com/privacy\""));
+  tap("quillet://disclosure");  // no usable address: the screen opens and says there is no data
+  const auto disclosure =
+      std::dynamic_pointer_cast<DeviceStorageDisclosureViewController>(host_->topScreen());
+  ASSERT_NE(disclosure, nullptr);
+  EXPECT_FALSE(disclosure->isLoading());
+  EXPECT_THAT(disclosure->document(), HasSubstr("No Data"));
+  tap("quillet://close");
 
   // The details follow changes made elsewhere, and say when a notification names no vendor.
   testing::LogCapture log;

@@ -43,7 +43,9 @@ struct Platform {
   /// Installs `platform`, filling in the defaults, and hands the store, the HTTP client, the
   /// endpoints, the clock and the UUID source to the storage and network layers.
   static void install(Platform platform);
-  /// The installed platform with every member present (installs the defaults on first use).
+  /// The installed platform (installs the defaults on first use). The key-value store and the
+  /// HTTP client stay empty when defaulted: their layers keep the defaults
+  /// (`ConsentStorage::store()`, `QLTAPIServer::httpClient()`).
   static Platform current();
 };
 

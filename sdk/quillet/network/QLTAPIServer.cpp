@@ -231,6 +231,10 @@ std::string deviceIdWith(const Services& services) {
 
 }  // namespace
 
+std::shared_ptr<HttpClient> httpClient() {
+  return services().http.lock();
+}
+
 void setEnvironment(Environment environment) {
   State& s = state();
   std::lock_guard lock(s.mutex);

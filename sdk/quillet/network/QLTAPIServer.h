@@ -35,6 +35,8 @@ struct Environment {
 };
 /// Replaces the environment for requests made from now on.
 void setEnvironment(Environment environment);
+/// The client requests go through: the environment's, or the process-wide default.
+std::shared_ptr<HttpClient> httpClient();
 
 /// Downloads the configuration for `settingsId`, then either uses the cached vendor list (when
 /// one is stored and its stored version equals the configuration's `vendorListVersion`) or

@@ -4,6 +4,7 @@
 #include "quillet/core/Platform.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/HttpClient.h"
+#include "quillet/network/QLTAPIServer.h"
 #include "quillet/network/Url.h"
 #include "quillet/ui/Html.h"
 
@@ -116,20 +117,24 @@ void DeviceStorageDisclosureViewController::load() {
   HttpRequest request;
   request.url = url_;
   request.timeout = kDownloadTimeout;
-  Platform::current().httpClient->send(
-      std::move(request),
-      [self = weak_from_this()](std::optional<Bytes> data, std::optional<HttpResponse> response,
-                                std::optional<HttpError> error) {
-        std::optional<std::string> text;
-        if (!error && data && response && response->status >= 200 && response->status < 300) {
-          text.emplace(data->begin(), data->end());
-        }
-        Platform::current().mainQueue->post([self, text = std::move(text)]() mutable {
-          if (const auto screen = self.lock()) {
-            static_cast<DeviceStorageDisclosureViewController&>(*screen).show(std::move(text));
-          }
-        });
-      });
+  const auto client = QLTAPIServer::httpClient();
+  if (!client) {
+    show(std::nullopt);
+    return;
+  }
+  client->send(std::move(request), [self = weak_from_this()](std::optional<Bytes> data,
+                                                             std::optional<HttpResponse> response,
+                                                             std::optional<HttpError> error) {
+    std::optional<std::string> text;
+    if (!error && data && response && response->status >= 200 && response->status < 300) {
+      text.emplace(data->begin(), data->end());
+    }
+    Platform::current().mainQueue->post([self, text = std::move(text)]() mutable {
+      if (const auto screen = self.lock()) {
+        static_cast<DeviceStorageDisclosureViewController&>(*screen).show(std::move(text));
+      }
+    });
+  });
 }
 
 void DeviceStorageDisclosureViewController::show(std::optional<std::string> text) {

@@ -86,7 +86,11 @@ VendorsPageViewController& SecondLayerViewController::vendorsVC() {
     vendorsVC_ = std::make_unique<VendorsPageViewController>(
         content_.vendors, content_.rawVendors, content_.gvl, content_.config,
         VendorConsentStore::shared(), purposeIds());
-    vendorsVC_->switchChanged = [this](std::int64_t, bool) { playImpact(); };
+    // The page writes the vendor consent store; the pending store is what Save hands on.
+    vendorsVC_->switchChanged = [this](std::int64_t vendorId, bool isOn) {
+      PendingConsentStore::shared().setVendorConsent(vendorId, isOn);
+      playImpact();
+    };
     vendorsVC_->policyTapped = [this](std::size_t index) {
       if (index >= content_.rawVendors.size() || !content_.rawVendors[index]) return;
       openDetails(std::make_shared<VendorDetailsViewController>(

@@ -1,0 +1,255 @@
+#include "quillet/webhost/WebScreenHost.h"
+
+#include <chrono>
+#include <future>
+
+#include <boost/json.hpp>
+#include <httplib.h>
+
+#include "quillet/core/MainQueue.h"
+#include "quillet/model/Json.h"
+#include "quillet/ui/CMPBannerViewController.h"
+#include "quillet/ui/DeviceStorageDisclosureViewController.h"
+#include "quillet/ui/PurposeDetailsViewController.h"
+#include "quillet/ui/SecondLayerViewController.h"
+#include "quillet/ui/VendorDetailsViewController.h"
+#include "quillet/webhost/HostPage.h"
+
+namespace quillet {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kKeepAlive = 15s;
+
+std::string kindOf(const Screen& screen) {
+  if (dynamic_cast<const CMPBannerViewController*>(&screen)) return "banner";
+  if (dynamic_cast<const SecondLayerViewController*>(&screen)) return "secondLayer";
+  if (dynamic_cast<const PurposeDetailsViewController*>(&screen)) return "purposeDetails";
+  if (dynamic_cast<const VendorDetailsViewController*>(&screen)) return "vendorDetails";
+  if (dynamic_cast<const DeviceStorageDisclosureViewController*>(&screen)) return "disclosure";
+  return "screen";
+}
+
+std::string_view kindOf(NativeControl::Kind kind) {
+  switch (kind) {
+    case NativeControl::Kind::image:
+      return "image";
+    case NativeControl::Kind::filledButton:
+      return "filledButton";
+    case NativeControl::Kind::destructiveButton:
+      return "destructiveButton";
+    case NativeControl::Kind::plainButton:
+      return "plainButton";
+  }
+  return "plainButton";
+}
+
+// The JSON object of a request body, or an empty one.
+boost::json::object bodyOf(const httplib::Request& request) {
+  const auto parsed = Json::parse(request.body);
+  if (parsed && parsed->is_object()) return parsed->as_object();
+  return {};
+}
+
+void sendJson(httplib::Response& response, const boost::json::value& value) {
+  response.set_header("Cache-Control", "no-store");
+  response.set_content(boost::json::serialize(value), "application/json");
+}
+
+}  // namespace
+
+std::shared_ptr<WebScreenHost> WebScreenHost::start(std::shared_ptr<MainQueue> mainQueue,
+                                                    const std::string& address, int port) {
+  auto host = std::make_shared<WebScreenHost>(Private{}, std::move(mainQueue));
+  host->address_ = address;
+  host->route();
+  host->port_ = port == 0 ? host->server_->bind_to_any_port(address)
+                          : (host->server_->bind_to_port(address, port) ? port : -1);
+  if (host->port_ <= 0) return nullptr;
+  host->thread_ = std::thread([server = host->server_.get()] { server->listen_after_bind(); });
+  return host;
+}
+
+WebScreenHost::WebScreenHost(Private, std::shared_ptr<MainQueue> mainQueue)
+    : mainQueue_(std::move(mainQueue)), server_(std::make_unique<httplib::Server>()) {
+  // Event streams hold a thread each while a tab is open.
+  server_->new_task_queue = [] { return new httplib::ThreadPool(32); };
+}
+
+WebScreenHost::~WebScreenHost() {
+  stop();
+}
+
+std::string WebScreenHost::url() const {
+  return "http://" + address_ + ":" + std::to_string(port_) + "/";
+}
+
+void WebScreenHost::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  server_->stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+void WebScreenHost::openUrl(const std::string& url) {
+  {
+    std::lock_guard lock(mutex_);
+    ++version_;
+    opened_.emplace_back(version_, url);
+  }
+  changed_.notify_all();
+}
+
+void WebScreenHost::update(const Update& update) {
+  // Runs on the main queue, which is also where `ids_` is read.
+  if (update.kind == Update::Kind::presented) {
+    ids_[update.screen.get()] = {nextId_++, 1};
+  } else if (update.kind == Update::Kind::dismissed) {
+    ids_.erase(update.screen.get());
+  } else if (const auto found = ids_.find(update.screen.get()); found != ids_.end()) {
+    ++found->second.second;
+  }
+  {
+    std::lock_guard lock(mutex_);
+    ++version_;
+  }
+  changed_.notify_all();
+}
+
+bool WebScreenHost::onMain(const std::function<void()>& task) {
+  auto done = std::make_shared<std::promise<void>>();
+  auto future = done->get_future();
+  mainQueue_->post([task, done] {
+    task();
+    done->set_value();
+  });
+  while (future.wait_for(100ms) != std::future_status::ready) {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return false;
+  }
+  return true;
+}
+
+std::shared_ptr<Screen> WebScreenHost::screenById(std::int64_t id) {
+  for (const auto& screen : screens()) {
+    const auto found = ids_.find(screen.get());
+    if (found != ids_.end() && found->second.first == id) return screen;
+  }
+  return nullptr;
+}
+
+std::string WebScreenHost::stateJson() {
+  boost::json::array list;
+  const auto all = screens();
+  const auto styles = presentations();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const auto& screen = all[i];
+    const auto id = ids_.find(screen.get());
+    if (id == ids_.end()) continue;
+    boost::json::array controls;
+    for (const auto& control : screen->controls()) {
+      controls.push_back({{"kind", kindOf(control.kind)},
+                          {"action", control.action},
+                          {"title", control.title},
+                          {"colour", control.colour},
+                          {"imageUrl", control.imageUrl}});
+    }
+    list.push_back(
+        {{"id", id->second.first},
+         {"docVersion", id->second.second},
+         {"kind", kindOf(*screen)},
+         {"title", screen->title()},
+         {"hidden", screen->isHidden()},
+         {"style", styles[i].style == PresentationStyle::sheet ? "sheet" : "fullScreen"},
+         {"transition",
+          styles[i].transition == Transition::crossDissolve ? "crossDissolve" : "coverVertical"},
+         {"animated", styles[i].animated},
+         {"controls", std::move(controls)}});
+  }
+  boost::json::array opened;
+  std::uint64_t openedUpTo = 0;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& [seq, url] : opened_)
+      opened.push_back({{"seq", seq}, {"url", url}});
+    openedUpTo = opened_.empty() ? 0 : opened_.back().first;
+  }
+  return boost::json::serialize(boost::json::object{
+      {"screens", std::move(list)}, {"opened", std::move(opened)}, {"openedUpTo", openedUpTo}});
+}
+
+void WebScreenHost::route() {
+  server_->Get("/", [](const httplib::Request&, httplib::Response& response) {
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(std::string(webhost::kHostPage), "text/html; charset=utf-8");
+  });
+  server_->Get("/state", [this](const httplib::Request&, httplib::Response& response) {
+    std::string state;
+    if (!onMain([&] { state = stateJson(); })) return;
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(state, "application/json");
+  });
+  server_->Get(R"(/screen/(\d+)/document)",
+               [this](const httplib::Request& request, httplib::Response& response) {
+                 const auto id = std::stoll(request.matches[1]);
+                 std::optional<std::string> document;
+                 onMain([&] {
+                   if (const auto screen = screenById(id)) document = screen->document();
+                 });
+                 if (!document) {
+                   response.status = 404;
+                   return;
+                 }
+                 response.set_header("Cache-Control", "no-store");
+                 response.set_content(*document, "text/html; charset=utf-8");
+               });
+  server_->Post(R"(/screen/(\d+)/policy)", [this](const httplib::Request& request,
+                                                  httplib::Response& response) {
+    const auto id = std::stoll(request.matches[1]);
+    const auto body = bodyOf(request);
+    Navigation navigation;
+    navigation.url = std::string(Json::string(Json::member(body, "url")).value_or(""));
+    navigation.isLinkActivation =
+        Json::boolean(Json::member(body, "linkActivation")).value_or(true);
+    std::string policy = "cancel";
+    onMain([&] {
+      if (const auto screen = screenById(id)) {
+        policy = screen->decidePolicy(navigation) == NavigationPolicy::allow ? "allow" : "cancel";
+      }
+    });
+    sendJson(response, boost::json::object{{"policy", policy}});
+  });
+  server_->Post(R"(/screen/(\d+)/perform)", [this](const httplib::Request& request,
+                                                   httplib::Response& response) {
+    const auto id = std::stoll(request.matches[1]);
+    const std::string action(Json::string(Json::member(bodyOf(request), "action")).value_or(""));
+    onMain([&] {
+      if (const auto screen = screenById(id)) screen->perform(action);
+    });
+    sendJson(response, boost::json::object{});
+  });
+  server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
+    response.set_header("Cache-Control", "no-store");
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [this, seen = std::uint64_t{0}](std::size_t, httplib::DataSink& sink) mutable {
+          std::unique_lock lock(mutex_);
+          changed_.wait_for(lock, kKeepAlive, [&] { return stopping_ || version_ != seen; });
+          if (stopping_) return false;
+          if (version_ == seen) {
+            lock.unlock();
+            return sink.write(": keep-alive\n\n", 15);
+          }
+          seen = version_;
+          const std::string event = "data: " + std::to_string(seen) + "\n\n";
+          lock.unlock();
+          return sink.write(event.data(), event.size());
+        });
+  });
+}
+
+}  // namespace quillet
