@@ -46,6 +46,7 @@ bench: build
 	  --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
 	./build/release/bench/facade_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 	./build/release/bench/screen_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+	cd tests && node ../bench/demo_startup.mjs ../build/release/cli/quillet 10
 
 format:
 	clang-format -i $(FORMAT_FILES)

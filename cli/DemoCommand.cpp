@@ -218,6 +218,15 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   printer.line("Open " + host->url() + " in a browser. Ctrl-C stops.");
   printer.line("Embedded CDN " + server.cdnBase() + " and consent API " + server.apiBase());
   const auto started = std::chrono::steady_clock::now();
+  host->onPresented = [&printer, started](const Screen& screen) {
+    const auto elapsed =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
+    std::ostringstream line;
+    line.precision(1);
+    line << std::fixed << "presented " << screen.title() << " " << elapsed.count()
+         << " ms after initialize";
+    printer.line(line.str());
+  };
   auto& facade = QuilletCMP::shared();
   facade.initialize(options.settingsId, [&printer, &facade, manage = options.manage] {
     const auto stored = ConsentStorage::store()->readString(StorageKeys::tcString);

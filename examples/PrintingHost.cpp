@@ -14,7 +14,9 @@
 #include "quillet/core/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/Endpoints.h"
+#include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
+#include "quillet/storage/StorageKeys.h"
 #include "quillet/ui/ScreenHost.h"
 
 namespace {
@@ -57,7 +59,9 @@ int main(int argc, char** argv) {
                               .mainQueue = mainQueue,
                               .screenHost = std::make_shared<PrintingHost>()});
   quillet::QuilletCMP::shared().initialize(argv[3], [mainQueue] {
-    std::printf("start-up complete\n");
+    const auto stored =
+        quillet::ConsentStorage::store()->readString(quillet::StorageKeys::tcString);
+    std::printf("start-up complete; stored TC String: %s\n", stored.value_or("(none)").c_str());
     mainQueue->stop();
   });
   mainQueue->run();

@@ -1,7 +1,15 @@
 // `quillet demo` in a child process: its address, and every line it prints.
 import { spawn } from 'node:child_process';
 
+const running = new Set();
+
 export class Demo {
+  // Ends every demo a failed test left behind, so that the test run itself can end.
+  static async killAll() {
+    for (const demo of running) demo.child.kill('SIGKILL');
+    await Promise.all([...running].map((demo) => demo.exited));
+  }
+
   static async start(args) {
     const demo = new Demo(args);
     const open = await demo.waitFor(/^Open (http:\/\/\S+) in a browser/);
@@ -24,7 +32,11 @@ export class Demo {
     });
     this.stderr = '';
     this.child.stderr.on('data', (chunk) => { this.stderr += chunk; });
-    this.exited = new Promise((resolve) => this.child.on('exit', (code, signal) => resolve({ code, signal })));
+    running.add(this);
+    this.exited = new Promise((resolve) => this.child.on('exit', (code, signal) => {
+      running.delete(this);
+      resolve({ code, signal });
+    }));
   }
 
   // The first line (from `from` on) that matches, as its match; rejects after `ms`.

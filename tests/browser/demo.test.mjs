@@ -19,6 +19,7 @@ before(async () => {
   browser = await launch();
 });
 after(async () => {
+  await Demo.killAll();
   await browser?.close();
   for (const folder of folders) rmSync(folder, { recursive: true, force: true });
 });
@@ -225,7 +226,8 @@ test('the example host runs the library against the embedded servers', { timeout
   const printed = execFileSync(process.env.QUILLET_EXAMPLE_HOST, [cdn, api, 'demo'],
     { encoding: 'utf8', timeout: 60000 });
   assert.match(printed, /presented "Consent": a document of \d+ bytes/);
-  assert.match(printed, /tapping "Accept All"\nstart-up complete/);
-  await demo.waitFor(/"eventType":"accepted"/);
+  const stored = /tapping "Accept All"\nstart-up complete; stored TC String: (\S+)/.exec(printed);
+  assert.ok(stored, printed);
+  assert.equal(ids(TCString.decode(stored[1]).vendorConsents).length, 30);
   await demo.stop();
 });

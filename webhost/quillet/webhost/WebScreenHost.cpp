@@ -108,6 +108,7 @@ void WebScreenHost::update(const Update& update) {
   // Runs on the main queue, which is also where `ids_` is read.
   if (update.kind == Update::Kind::presented) {
     ids_[update.screen.get()] = {nextId_++, 1};
+    if (onPresented) onPresented(*update.screen);
   } else if (update.kind == Update::Kind::dismissed) {
     ids_.erase(update.screen.get());
   } else if (const auto found = ids_.find(update.screen.get()); found != ids_.end()) {

@@ -41,6 +41,9 @@ class WebScreenHost final : public ScreenHost {
   /// Stops serving; open event streams end. Called by the destructor.
   void stop();
 
+  /// Called on the main queue with each screen as it is presented (before any browser shows it).
+  std::function<void(const Screen&)> onPresented;
+
   bool canPresent() const override { return true; }
   /// Opened in a new tab of every browser showing the host.
   void openUrl(const std::string& url) override;
