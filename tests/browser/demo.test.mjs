@@ -86,9 +86,13 @@ test('first visit, view all, accept all, reload and restart', { timeout: 180000 
   await banner.locator('#qlt-hide-all').click();
   assert.equal(await banner.locator('#qlt-stacks-all').evaluate((e) => getComputedStyle(e).display), 'none');
 
+  // A second tab on the same host sees the same screen, and sees it go.
+  const other = await openHost(demo, 'banner');
   await page.click('button[data-action="onAcceptAll"]');
   await demo.waitFor(/"eventType":"accepted"/);
   await page.waitForSelector('body[data-top="none"]');
+  await other.waitForSelector('body[data-top="none"]');
+  await other.close();
   assert.equal(posted(demo, 'accepted'), 1);
   assert.equal(demo.count(/v1\/analytics\/events/), 1);
   const stored = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
@@ -187,6 +191,18 @@ test('a vendor\'s device storage disclosure opens from its details', { timeout: 
   await tapIn(page, 'secondLayer', '#segment-1');
   await page.frameLocator('.layer[data-screen="secondLayer"] iframe').locator('#vendor-details-0').click();
   const details = await showing(page, 'vendorDetails');
+  // The privacy policy is opened outside the screens, in a new tab.
+  const policy = await details.locator('#policy').getAttribute('href');
+  await browser.context.route(/^https?:\/\/(?!127\.0\.0\.1)/, (route) =>
+    route.fulfill({ body: 'a privacy policy', contentType: 'text/plain' }));
+  const [opened] = await Promise.all([
+    browser.context.waitForEvent('page'),
+    details.locator('#policy').click(),
+  ]);
+  await opened.waitForLoadState();
+  assert.equal(opened.url(), policy);
+  await opened.close();
+  await browser.context.unrouteAll();
   await details.locator('#disclosure').click();
   const disclosure = await showing(page, 'disclosure');
   await disclosure.locator('text=/Storage Entries|Domains|No Data/').first().waitFor();
