@@ -113,8 +113,10 @@ class DemoServer {
                 [this](const httplib::Request&, httplib::Response& r) {
                   r.set_content(config_, "application/json");
                 });
+    // Served as bytes so that the server does not compress it: brotli on 700 KB costs seconds
+    // per request here, which a real CDN avoids by keeping compressed copies.
     server_.Get("/cdn/gvl.json", [this](const httplib::Request&, httplib::Response& r) {
-      r.set_content(vendorList_, "application/json");
+      r.set_content(vendorList_, "application/octet-stream");
     });
     server_.Get(R"(/cdn/dsd/(dsd-[a-z-]+\.json))",
                 [testdata](const httplib::Request& request, httplib::Response& r) {
@@ -211,7 +213,8 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
                      .screenHost = host,
                      .analytics = analytics});
   if (options.reset) {
-    ConsentStorage::resetConsent();
+    // The decision only: the cached vendor list stays.
+    ConsentStorage::saveConsent(false, std::nullopt);
     printer.line("stored consent forgotten");
   }
 
