@@ -49,6 +49,10 @@ void Platform::install(Platform platform) {
   Installed& state = installed();
   std::lock_guard lock(state.mutex);
   distribute(platform);
+  // The network layer owns the client from here. Copies handed out by `current()` must not: a
+  // copy taken inside an HTTP completion could otherwise end up destroying the client on its
+  // own thread once the host replaces the platform.
+  platform.httpClient.reset();
   state.platform = std::move(platform);
 }
 

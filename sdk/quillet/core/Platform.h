@@ -43,9 +43,9 @@ struct Platform {
   /// Installs `platform`, filling in the defaults, and hands the store, the HTTP client, the
   /// endpoints, the clock and the UUID source to the storage and network layers.
   static void install(Platform platform);
-  /// The installed platform (installs the defaults on first use). The key-value store and the
-  /// HTTP client stay empty when defaulted: their layers keep the defaults
-  /// (`ConsentStorage::store()`, `QLTAPIServer::httpClient()`).
+  /// The installed platform (installs the defaults on first use). The HTTP client is always
+  /// empty here, and the key-value store when defaulted: their layers hold them
+  /// (`QLTAPIServer::httpClient()`, `ConsentStorage::store()`).
   static Platform current();
 };
 
