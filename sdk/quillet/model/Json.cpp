@@ -72,6 +72,16 @@ const boost::json::object* object(const boost::json::value* value) noexcept {
   return value != nullptr ? value->if_object() : nullptr;
 }
 
+std::vector<std::int64_t> integerMembers(const boost::json::value* value) {
+  std::vector<std::int64_t> out;
+  if (const boost::json::array* elements = array(value)) {
+    for (const auto& element : *elements) {
+      if (const auto id = exactInteger(&element)) out.push_back(*id);
+    }
+  }
+  return out;
+}
+
 std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value) {
   const boost::json::array* elements = array(value);
   if (elements == nullptr) return std::nullopt;

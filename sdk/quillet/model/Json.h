@@ -40,6 +40,10 @@ const boost::json::object* object(const boost::json::value* value) noexcept;
 /// array or any one element is not an exact integer (all or nothing).
 std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value);
 
+/// The exact-integer elements of an array, in order, skipping every other element; none when the
+/// value is not an array.
+std::vector<std::int64_t> integerMembers(const boost::json::value* value);
+
 /// The JSON text of a document, or absent when the text is not JSON. Never throws.
 std::optional<boost::json::value> parse(std::string_view text);
 

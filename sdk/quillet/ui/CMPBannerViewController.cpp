@@ -105,25 +105,14 @@ std::string escapeStackText(std::string_view text) {
   return out;
 }
 
-// Members of an array that are integers by value; anything else is skipped.
-std::vector<std::int64_t> integerMembers(const boost::json::value* value) {
-  std::vector<std::int64_t> out;
-  if (const boost::json::array* array = Json::array(value)) {
-    for (const auto& element : *array) {
-      if (const auto id = Json::exactInteger(&element)) out.push_back(*id);
-    }
-  }
-  return out;
-}
-
 StackPreview readStack(const boost::json::object& entry, std::string_view key) {
   StackPreview stack;
   stack.id =
       Json::exactInteger(Json::member(entry, "id")).value_or(Text::parseInteger(key).value_or(0));
   stack.name = std::string(Json::string(Json::member(entry, "name")).value_or(""));
   stack.description = std::string(Json::string(Json::member(entry, "description")).value_or(""));
-  stack.purposes = integerMembers(Json::member(entry, "purposes"));
-  stack.specialFeatures = integerMembers(Json::member(entry, "specialFeatures"));
+  stack.purposes = Json::integerMembers(Json::member(entry, "purposes"));
+  stack.specialFeatures = Json::integerMembers(Json::member(entry, "specialFeatures"));
   return stack;
 }
 
@@ -186,28 +175,6 @@ bool schemeStartsWith(std::string_view url, std::string_view prefix) {
   return colon != std::string_view::npos && lowercased(url.substr(0, colon)).starts_with(prefix);
 }
 
-std::vector<std::int64_t> purposeIdsOf(const std::vector<PurposeModel>& purposes) {
-  std::vector<std::int64_t> ids;
-  for (const auto& p : purposes)
-    ids.push_back(p.id());
-  return ids;
-}
-
-std::vector<std::int64_t> vendorIdsOf(const std::vector<VendorModel>& vendors) {
-  std::vector<std::int64_t> ids;
-  for (const auto& v : vendors)
-    ids.push_back(v.id());
-  return ids;
-}
-
-// The special feature ids the banner's buttons set: the integer keys of "specialFeatures".
-std::vector<std::int64_t> specialFeatureKeys(
-    const std::shared_ptr<const boost::json::object>& gvl) {
-  if (!gvl) return {};
-  const boost::json::object* features = Json::object(Json::member(*gvl, "specialFeatures"));
-  return features != nullptr ? VendorList::integerKeys(*features) : std::vector<std::int64_t>{};
-}
-
 }  // namespace
 
 std::vector<StackPreview> StackPreview::read(const boost::json::object& gvl) {
@@ -245,7 +212,7 @@ std::vector<StackPreview> CMPBannerViewController::keptStacks(
   std::vector<std::int64_t> features;
   for (const auto& vendor : rawVendors) {
     if (!vendor) continue;
-    for (const auto id : integerMembers(Json::member(*vendor, "specialFeatures")))
+    for (const auto id : Json::integerMembers(Json::member(*vendor, "specialFeatures")))
       features.push_back(id);
   }
   std::sort(purposes.begin(), purposes.end());
@@ -389,37 +356,34 @@ void CMPBannerViewController::perform(std::string_view action) {
 void CMPBannerViewController::onAcceptAll() {
   if (decided_) return;
   decided_ = true;
-  ConsentCommit::acceptEverything(purposeIdsOf(content_.purposes), vendorIdsOf(content_.vendors),
-                                  specialFeatureKeys(content_.gvl));
+  ConsentCommit::acceptEverything(content_.purposeIds(), content_.vendorIds(),
+                                  content_.specialFeatureKeys());
   ConsentCommit::commitPending();
-  const std::weak_ptr<Screen> self = weak_from_this();
-  dismiss(*this, true, [self] {
-    if (const auto screen = self.lock()) {
-      auto& banner = static_cast<CMPBannerViewController&>(*screen);
-      if (banner.completion_) banner.completion_(ConsentAction::acceptAll());
-      banner.finish();
-    }
-  });
+  dismissThenComplete(ConsentAction::acceptAll());
 }
 
 void CMPBannerViewController::onRejectAll() {
   if (decided_) return;
   decided_ = true;
-  const auto features = specialFeatureKeys(content_.gvl);
-  const auto vendors = vendorIdsOf(content_.vendors);
+  const auto features = content_.specialFeatureKeys();
+  const auto vendors = content_.vendorIds();
   auto& store = SpecialFeatureConsentStore::shared();
   for (const auto featureId : features) {
     store.setMaster(featureId, false);
     for (const auto vendorId : vendors)
       store.setVendor(featureId, vendorId, false);
   }
-  PendingConsentStore::shared().reset(purposeIdsOf(content_.purposes), vendors, features);
+  PendingConsentStore::shared().reset(content_.purposeIds(), vendors, features);
   ConsentCommit::commitPending();
+  dismissThenComplete(ConsentAction::rejectAll());
+}
+
+void CMPBannerViewController::dismissThenComplete(ConsentAction action) {
   const std::weak_ptr<Screen> self = weak_from_this();
-  dismiss(*this, true, [self] {
+  dismiss(*this, true, [self, action = std::move(action)] {
     if (const auto screen = self.lock()) {
       auto& banner = static_cast<CMPBannerViewController&>(*screen);
-      if (banner.completion_) banner.completion_(ConsentAction::rejectAll());
+      if (banner.completion_) banner.completion_(action);
       banner.finish();
     }
   });

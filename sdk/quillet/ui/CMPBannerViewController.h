@@ -68,6 +68,8 @@ class CMPBannerViewController final : public Screen, public SecondLayerDelegate 
   std::optional<std::string> usableBrandColour() const;
   std::string customizeAnchor() const;
   void finish();
+  // Dismisses the banner; once it is gone, hands `action` to the completion and finishes.
+  void dismissThenComplete(ConsentAction action);
 
   ScreenContent content_;
   std::function<void(ConsentAction)> completion_;

@@ -155,11 +155,7 @@ void DeviceStorageDisclosureViewController::handleEvent(const ScreenEvent& event
 
 std::string DeviceStorageDisclosureViewController::document() const {
   std::string out = Html::documentStart(title(), accent_, "");
-  out += "<header><a id=\"close\" class=\"qlt-button qlt-plain\" role=\"button\" href=\"" +
-         ScreenEvent::link("close") +
-         "\">‹ Back</a><h1>Device Storage Disclosure</h1>"
-         "<div class=\"qlt-row-note\">" +
-         Html::escape(vendorName_) + "</div></header><main>";
+  out += Html::backHeader(ScreenEvent::link("close"), title(), vendorName_) + "<main>";
   if (loading_) {
     out +=
         "<div class=\"qlt-empty\" role=\"status\" aria-live=\"polite\" aria-busy=\"true\">"

@@ -194,6 +194,27 @@ std::string documentEnd() {
   return out;
 }
 
+std::string accentColour(const std::optional<std::string>& brandColour) {
+  return brandColour && isCssColour(*brandColour) ? *brandColour : std::string("#007AFF");
+}
+
+std::string backHeader(std::string_view backLink, std::string_view title,
+                       std::string_view subtitle) {
+  std::string out =
+      "<header><a id=\"close\" class=\"qlt-button qlt-plain\" role=\"button\" href=\"";
+  out += escape(backLink);
+  out += "\">‹ Back</a><h1>";
+  out += escape(title);
+  out += "</h1>";
+  if (!subtitle.empty()) {
+    out += "<div class=\"qlt-row-note\">";
+    out += escape(subtitle);
+    out += "</div>";
+  }
+  out += "</header>";
+  return out;
+}
+
 std::string eventButton(std::string_view id, std::string_view link, std::string_view label,
                         std::string_view extraClass) {
   std::string out = "<a id=\"";

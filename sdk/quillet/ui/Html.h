@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -29,6 +30,15 @@ std::string documentStart(std::string_view title, std::string_view accent,
                           std::string_view focusId);
 /// The end of such a document: the keyboard and remote-control script, "</body></html>".
 std::string documentEnd();
+
+/// The accent colour of the screens: `brandColour` when it passes `isCssColour`, else the system
+/// blue.
+std::string accentColour(const std::optional<std::string>& brandColour);
+
+/// The sticky header of a screen pushed over another: a "‹ Back" button that carries `backLink`,
+/// the escaped `title`, and an escaped `subtitle` line when there is one.
+std::string backHeader(std::string_view backLink, std::string_view title,
+                       std::string_view subtitle = {});
 
 /// A link that carries an event of the library's own scheme, as a focusable button.
 std::string eventButton(std::string_view id, std::string_view link, std::string_view label,

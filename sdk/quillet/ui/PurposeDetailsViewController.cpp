@@ -102,9 +102,7 @@ void PurposeDetailsViewController::handleEvent(const ScreenEvent& event) {
 
 std::string PurposeDetailsViewController::document() const {
   std::string out = Html::documentStart(purpose.name(), accent_, focusId_);
-  out += "<header><a id=\"close\" class=\"qlt-button qlt-plain\" role=\"button\" href=\"" +
-         ScreenEvent::link("close") + "\">‹ Back</a><h1>" + Html::escape(purpose.name()) +
-         "</h1></header><main>";
+  out += Html::backHeader(ScreenEvent::link("close"), purpose.name()) + "<main>";
   if (purpose.description()) {
     out += "<p class=\"qlt-para\">" + Html::escape(*purpose.description()) + "</p>";
   }

@@ -26,6 +26,13 @@ struct ScreenContent {
   std::optional<ConsentSelections> initialSelections;
   /// The facade's consent-action handler, which the second layer's buttons call.
   std::function<void(const ConsentAction&)> handleConsentAction;
+
+  /// The ids of `purposes` and of `vendors`, in their order.
+  std::vector<std::int64_t> purposeIds() const;
+  std::vector<std::int64_t> vendorIds() const;
+  /// The special feature ids the accept-all and reject-all buttons set: the integer keys of the
+  /// vendor list's "specialFeatures" object, ascending; none when it is not an object.
+  std::vector<std::int64_t> specialFeatureKeys() const;
 };
 
 }  // namespace quillet

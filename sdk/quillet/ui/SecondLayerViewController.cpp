@@ -15,11 +15,6 @@
 #include "quillet/ui/VendorsPageViewController.h"
 
 namespace quillet {
-namespace {
-
-constexpr std::string_view kDefaultAccent = "#007AFF";
-
-}  // namespace
 
 SecondLayerViewController::SecondLayerViewController(ScreenContent content)
     : content_(std::move(content)) {}
@@ -31,10 +26,8 @@ std::string SecondLayerViewController::title() const {
 }
 
 std::set<std::int64_t> SecondLayerViewController::purposeIds() const {
-  std::set<std::int64_t> ids;
-  for (const auto& purpose : content_.purposes)
-    ids.insert(purpose.id());
-  return ids;
+  const auto ids = content_.purposeIds();
+  return {ids.begin(), ids.end()};
 }
 
 PurposeTabViewController& SecondLayerViewController::purposeVC() {
@@ -73,9 +66,7 @@ PurposeTabViewController& SecondLayerViewController::purposeVC() {
           consent != purposeVC_->vendorsForPurpose.end() ? consent->second
                                                          : std::vector<VendorModel>{},
           li != purposeVC_->liVendorsForPurpose.end() ? li->second : std::vector<VendorModel>{},
-          content_.config.brandColor() && Html::isCssColour(*content_.config.brandColor())
-              ? *content_.config.brandColor()
-              : std::string(kDefaultAccent)));
+          Html::accentColour(content_.config.brandColor())));
     };
   }
   return *purposeVC_;
@@ -95,9 +86,7 @@ VendorsPageViewController& SecondLayerViewController::vendorsVC() {
       if (index >= content_.rawVendors.size() || !content_.rawVendors[index]) return;
       openDetails(std::make_shared<VendorDetailsViewController>(
           *content_.rawVendors[index], content_.gvl, VendorConsentStore::shared(), purposeIds(),
-          content_.config.brandColor() && Html::isCssColour(*content_.config.brandColor())
-              ? *content_.config.brandColor()
-              : std::string(kDefaultAccent)));
+          Html::accentColour(content_.config.brandColor())));
     };
   }
   return *vendorsVC_;
@@ -123,18 +112,8 @@ void SecondLayerViewController::segmentChanged(std::int64_t index) {
 }
 
 void SecondLayerViewController::acceptAllTapped() {
-  std::vector<std::int64_t> purposes;
-  for (const auto& purpose : content_.purposes)
-    purposes.push_back(purpose.id());
-  std::vector<std::int64_t> vendors;
-  for (const auto& vendor : content_.vendors)
-    vendors.push_back(vendor.id());
-  static const boost::json::object kNone;
-  const boost::json::object& gvl = content_.gvl ? *content_.gvl : kNone;
-  const auto* features = Json::object(Json::member(gvl, "specialFeatures"));
-  ConsentCommit::acceptEverything(
-      purposes, vendors,
-      features != nullptr ? VendorList::integerKeys(*features) : std::vector<std::int64_t>{});
+  ConsentCommit::acceptEverything(content_.purposeIds(), content_.vendorIds(),
+                                  content_.specialFeatureKeys());
   ConsentCommit::commitPending();
   if (content_.handleConsentAction) content_.handleConsentAction(ConsentAction::acceptAll());
   close([this] {
@@ -143,18 +122,8 @@ void SecondLayerViewController::acceptAllTapped() {
 }
 
 void SecondLayerViewController::rejectAllTapped() {
-  std::vector<std::int64_t> purposes;
-  for (const auto& purpose : content_.purposes)
-    purposes.push_back(purpose.id());
-  std::vector<std::int64_t> vendors;
-  for (const auto& vendor : content_.vendors)
-    vendors.push_back(vendor.id());
-  static const boost::json::object kNone;
-  const auto* features =
-      Json::object(Json::member(content_.gvl ? *content_.gvl : kNone, "specialFeatures"));
-  PendingConsentStore::shared().reset(
-      purposes, vendors,
-      features != nullptr ? VendorList::integerKeys(*features) : std::vector<std::int64_t>{});
+  PendingConsentStore::shared().reset(content_.purposeIds(), content_.vendorIds(),
+                                      content_.specialFeatureKeys());
   ConsentCommit::commitPending();
   if (content_.handleConsentAction) content_.handleConsentAction(ConsentAction::rejectAll());
   close({});
@@ -210,10 +179,7 @@ void SecondLayerViewController::handleEvent(const ScreenEvent& event) {
 
 std::string SecondLayerViewController::document() const {
   auto& self = const_cast<SecondLayerViewController&>(*this);  // pages are built on first use
-  const std::string accent =
-      content_.config.brandColor() && Html::isCssColour(*content_.config.brandColor())
-          ? *content_.config.brandColor()
-          : std::string(kDefaultAccent);
+  const std::string accent = Html::accentColour(content_.config.brandColor());
   std::string out = Html::documentStart("Manage Preferences", accent, focusId_);
   out +=
       "<header><h1>Manage Preferences</h1><div class=\"qlt-segments\" role=\"tablist\" "

@@ -21,16 +21,6 @@ std::string flag(bool on) {
   return on ? "true" : "false";
 }
 
-std::vector<std::int64_t> integers(const boost::json::value* value) {
-  std::vector<std::int64_t> out;
-  if (const auto* array = Json::array(value)) {
-    for (const auto& element : *array) {
-      if (const auto id = Json::exactInteger(&element)) out.push_back(*id);
-    }
-  }
-  return out;
-}
-
 // The "name" of entry `id` of one of the vendor list's objects ("purposes", "features", ...).
 std::optional<std::string> entryName(const boost::json::object* gvl, std::string_view member,
                                      std::int64_t id) {
@@ -67,7 +57,7 @@ VendorDetailsViewController::VendorDetailsViewController(
       vendorId(Json::exactInteger(Json::member(this->vendor, "id")).value_or(0)),
       allowedPurposeIds(std::move(allowedPurposeIds)),
       accent_(std::move(accent)) {
-  for (const auto p : integers(Json::member(this->vendor, "legIntPurposes"))) {
+  for (const auto p : Json::integerMembers(Json::member(this->vendor, "legIntPurposes"))) {
     if (this->allowedPurposeIds.contains(p) &&
         std::find(liPurposeIDs.begin(), liPurposeIDs.end(), p) == liPurposeIDs.end()) {
       liPurposeIDs.push_back(p);
@@ -95,7 +85,7 @@ VendorDetailsViewController::VendorDetailsViewController(
   mainSwitch.setOn(consentGiven);
   mainSwitch.onValueChanged = [this](bool isOn) { mainConsentChanged(isOn); };
 
-  for (const auto f : integers(Json::member(this->vendor, "specialFeatures"))) {
+  for (const auto f : Json::integerMembers(Json::member(this->vendor, "specialFeatures"))) {
     const bool on = SpecialFeatureConsentStore::shared().vendorState(f, vendorId);
     specialFeaturesStates[f] = on;
     sfToggles[f].setOn(on);
@@ -262,9 +252,7 @@ void VendorDetailsViewController::handleEvent(const ScreenEvent& event) {
 std::string VendorDetailsViewController::document() const {
   const std::string vendorName = name();
   std::string out = Html::documentStart(vendorName, accent_, focusId_);
-  out += "<header><a id=\"close\" class=\"qlt-button qlt-plain\" role=\"button\" href=\"" +
-         ScreenEvent::link("close") + "\">‹ Back</a><h1>" + Html::escape(vendorName) +
-         "</h1></header><main>";
+  out += Html::backHeader(ScreenEvent::link("close"), vendorName) + "<main>";
 
   out += "<div class=\"qlt-group\">";
   out += row(
@@ -307,7 +295,7 @@ std::string VendorDetailsViewController::document() const {
     out += "</div>";
   }
 
-  const auto features = integers(Json::member(vendor, "features"));
+  const auto features = Json::integerMembers(Json::member(vendor, "features"));
   if (!sfToggles.empty() || !features.empty()) {
     out += "<h2>Special Features</h2><div class=\"qlt-group\">";
     for (const auto& [f, toggle] : sfToggles) {

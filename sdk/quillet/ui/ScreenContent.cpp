@@ -1,0 +1,28 @@
+#include "quillet/ui/ScreenContent.h"
+
+#include "quillet/model/Json.h"
+#include "quillet/model/VendorList.h"
+
+namespace quillet {
+
+std::vector<std::int64_t> ScreenContent::purposeIds() const {
+  std::vector<std::int64_t> ids;
+  for (const auto& purpose : purposes)
+    ids.push_back(purpose.id());
+  return ids;
+}
+
+std::vector<std::int64_t> ScreenContent::vendorIds() const {
+  std::vector<std::int64_t> ids;
+  for (const auto& vendor : vendors)
+    ids.push_back(vendor.id());
+  return ids;
+}
+
+std::vector<std::int64_t> ScreenContent::specialFeatureKeys() const {
+  if (!gvl) return {};
+  const boost::json::object* features = Json::object(Json::member(*gvl, "specialFeatures"));
+  return features != nullptr ? VendorList::integerKeys(*features) : std::vector<std::int64_t>{};
+}
+
+}  // namespace quillet
