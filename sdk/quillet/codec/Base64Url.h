@@ -7,16 +7,17 @@
 #include <string_view>
 
 #include "quillet/core/Bytes.h"
+#include "quillet/core/Export.h"
 
 namespace quillet {
 
 /// Standard base64 of the bytes with "+" as "-", "/" as "_", and no "=" padding.
-std::string base64URLEncodedString(std::span<const std::uint8_t> bytes);
+QUILLET_EXPORT std::string base64URLEncodedString(std::span<const std::uint8_t> bytes);
 
 /// The bytes of a base64url text: "-" and "_" are read as "+" and "/", the text is padded with
 /// "=" to a multiple of 4 characters and decoded as strict standard base64. Nothing for any
 /// character outside the alphabet (white space included), misplaced "=", or a length of one more
 /// than a multiple of 4. The empty text gives an empty buffer.
-std::optional<Bytes> fromBase64Url(std::string_view text);
+QUILLET_EXPORT std::optional<Bytes> fromBase64Url(std::string_view text);
 
 }  // namespace quillet

@@ -6,13 +6,14 @@
 #include <vector>
 
 #include "quillet/core/Bytes.h"
+#include "quillet/core/Export.h"
 
 namespace quillet {
 
 /// Reads big-endian bit fields from bytes, most significant bit of each byte first. Reads past
 /// the end fail softly (nothing is returned and the position stays); negative counts are
 /// programming faults and stop the process. Not safe for concurrent use.
-class BitReader {
+class QUILLET_EXPORT BitReader {
  public:
   explicit BitReader(std::span<const std::uint8_t> data);
 

@@ -5,12 +5,13 @@
 #include <vector>
 
 #include "quillet/core/Bytes.h"
+#include "quillet/core/Export.h"
 
 namespace quillet {
 
 /// Appends big-endian bit fields and packs them into bytes, first bit as the most significant
 /// bit of the first byte. Bits are only ever appended. Not safe for concurrent use.
-class BitWriter {
+class QUILLET_EXPORT BitWriter {
  public:
   BitWriter() = default;
 

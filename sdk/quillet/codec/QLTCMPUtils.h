@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quillet/core/Clock.h"
+#include "quillet/core/Export.h"
 
 /// The TC String encoder and decoder of this library, and the id-list helpers that go with them.
 ///
@@ -18,7 +19,7 @@ namespace quillet::QLTCMPUtils {
 
 /// The choices and metadata of one core segment. The defaults are those of the short
 /// `encodeTCString(purposes, vendors, gvlVendorIds)`.
-struct TCStringInput {
+struct QUILLET_EXPORT TCStringInput {
   std::vector<std::int64_t> purposeConsents;
   std::vector<std::int64_t> purposeLegitimateInterests;
   std::vector<std::int64_t> specialFeatureOptins;
@@ -47,37 +48,39 @@ struct TCStringInput {
 ///
 /// Stops the process when an integer field is negative, a code holds a byte below "A" after
 /// upper-casing, or the largest `gvlVendorIds` element is not positive.
-std::string encodeTCString(const TCStringInput& input, const Clock& clock = systemClock());
+QUILLET_EXPORT std::string encodeTCString(const TCStringInput& input,
+                                          const Clock& clock = systemClock());
 
 /// The full encoder with consents for `purposes` and `vendors` and every other field at its
 /// default (cmpId 471, cmpVersion 1, language "EN", vendor list and policy version 1, "US").
-std::string encodeTCString(std::span<const std::int64_t> purposes,
-                           std::span<const std::int64_t> vendors,
-                           std::span<const std::int64_t> gvlVendorIds,
-                           const Clock& clock = systemClock());
+QUILLET_EXPORT std::string encodeTCString(std::span<const std::int64_t> purposes,
+                                          std::span<const std::int64_t> vendors,
+                                          std::span<const std::int64_t> gvlVendorIds,
+                                          const Clock& clock = systemClock());
 
 /// The vendor segment (segment type 2, a bit field over 1...M of `allowedVendorIds`) as unpadded
 /// base64url, without a separator. Stops the process when the largest `gvlVendorIds` element is
 /// not positive.
-std::string encodeDisclosedVendorsSegment(std::span<const std::int64_t> allowedVendorIds,
-                                          std::span<const std::int64_t> gvlVendorIds);
+QUILLET_EXPORT std::string encodeDisclosedVendorsSegment(
+    std::span<const std::int64_t> allowedVendorIds, std::span<const std::int64_t> gvlVendorIds);
 
 /// Whether a consent language or publisher country code can be written without stopping the
 /// process: every UTF-8 byte of its upper-cased first two characters is at least "A".
-bool isEncodableCode(std::string_view code);
+QUILLET_EXPORT bool isEncodableCode(std::string_view code);
 
 /// The decimal forms joined by "," ("3,1,2"; empty for no ids).
-std::string csvString(std::span<const std::int64_t> from);
+QUILLET_EXPORT std::string csvString(std::span<const std::int64_t> from);
 
 /// The comma-separated pieces that are signed decimal integers once trimmed of white space, in
 /// order, duplicates kept; other pieces are skipped.
-std::vector<std::int64_t> parseCSV(std::string_view text);
+QUILLET_EXPORT std::vector<std::int64_t> parseCSV(std::string_view text);
 
 /// True when every id of `required` is in `user` (true for no required ids).
-bool allPurposesGiven(std::span<const std::int64_t> user, std::span<const std::int64_t> required);
+QUILLET_EXPORT bool allPurposesGiven(std::span<const std::int64_t> user,
+                                     std::span<const std::int64_t> required);
 
 /// What `decodeTCString` reads back from a core segment; each list ascending.
-struct DecodedTCString {
+struct QUILLET_EXPORT DecodedTCString {
   std::uint64_t version = 0;
   std::vector<std::int64_t> specialFeatureOptins;
   std::vector<std::int64_t> purposeConsents;
@@ -93,12 +96,12 @@ struct DecodedTCString {
 /// at their standard widths whatever the version; both vendor sections are read as bit fields
 /// over the consent section's MaxVendorId, even when flagged as ranges; reads past the end yield
 /// no ids. Stops the process when that MaxVendorId is 0 or missing.
-std::optional<DecodedTCString> decodeTCString(std::string_view text);
+QUILLET_EXPORT std::optional<DecodedTCString> decodeTCString(std::string_view text);
 
 /// Whether `decodeTCString(text)` returns (with a result or nothing) rather than stopping the
 /// process: false exactly when the text decodes to 6 or more bits but has no MaxVendorId field
 /// (fewer than 229 bits) or that field is 0. Lets callers that take strings from outside treat
 /// such text as undecodable.
-bool canDecodeTCString(std::string_view text);
+QUILLET_EXPORT bool canDecodeTCString(std::string_view text);
 
 }  // namespace quillet::QLTCMPUtils

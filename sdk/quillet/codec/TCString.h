@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 
 namespace quillet {
@@ -44,7 +45,7 @@ class IdMask {
 };
 
 /// A vendor list of a TC String (consents, legitimate interests, disclosed or allowed vendors).
-struct VendorSection {
+struct QUILLET_EXPORT VendorSection {
   std::int64_t maxVendorId = 0;
   bool isRangeEncoding = false;
   std::vector<std::int64_t> ids;  ///< ascending, each once
@@ -55,7 +56,7 @@ struct VendorSection {
 
 /// One publisher restriction: for `purposeId`, restriction type 0 (not allowed), 1 (require
 /// consent), 2 (require legitimate interest) or 3 (undefined) applies to `vendors`.
-struct PublisherRestriction {
+struct QUILLET_EXPORT PublisherRestriction {
   int purposeId = 0;
   int restrictionType = 0;
   std::vector<std::int64_t> vendors;  ///< ascending, each once
@@ -64,7 +65,7 @@ struct PublisherRestriction {
 };
 
 /// The publisher TC segment (segment type 3).
-struct PublisherTCSegment {
+struct QUILLET_EXPORT PublisherTCSegment {
   IdMask<24> purposesConsent;
   IdMask<24> purposesLegitimateInterests;
   int numCustomPurposes = 0;
@@ -76,7 +77,7 @@ struct PublisherTCSegment {
 
 /// Why a TC String could not be read: the segment, the field and the bit offset (counted from
 /// the start of that segment) where reading stopped.
-struct TCStringError {
+struct QUILLET_EXPORT TCStringError {
   std::string
       segment;  ///< "core", "disclosed vendors", "allowed vendors", "publisher TC", or "segment N"
   std::string field;  ///< TCF field name, e.g. "VendorConsents.MaxVendorId"
@@ -94,7 +95,7 @@ struct TCStringError {
 /// `parse` never stops the process: text that is not a well-formed version 2 string gives an
 /// error. Trailing "=" padding (at most two per segment) is accepted. A string that is well-formed
 /// but breaks a policy rule parses and carries a warning. A plain value; safe to share read-only.
-struct TCString {
+struct QUILLET_EXPORT TCString {
   int version = 0;
   std::uint64_t created = 0;      ///< deciseconds since 1970-01-01 UTC
   std::uint64_t lastUpdated = 0;  ///< deciseconds since 1970-01-01 UTC

@@ -6,11 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// An analytics library's consent entry point: `setConsent` with a map of signal names to
 /// "granted" or "denied".
-class ConsentSignalReceiver {
+class QUILLET_EXPORT ConsentSignalReceiver {
  public:
   virtual ~ConsentSignalReceiver() = default;
   virtual void setConsent(const std::map<std::string, std::string>& signals) = 0;
@@ -18,7 +20,7 @@ class ConsentSignalReceiver {
 
 /// Stands in for run-time class lookup: the host registers the analytics library it carries
 /// under its class name ("FIRAnalytics"). Empty by default. Safe to use from several threads.
-class AnalyticsRegistry {
+class QUILLET_EXPORT AnalyticsRegistry {
  public:
   void registerClass(std::string name, std::shared_ptr<ConsentSignalReceiver> receiver);
   void unregisterClass(std::string_view name);

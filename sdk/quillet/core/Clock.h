@@ -2,20 +2,22 @@
 
 #include <chrono>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// A source of wall-clock time. Implementations are safe to call from any thread.
-class Clock {
+class QUILLET_EXPORT Clock {
  public:
   virtual ~Clock() = default;
   virtual std::chrono::system_clock::time_point now() const noexcept = 0;
 };
 
 /// The system's wall clock (one process-wide instance).
-const Clock& systemClock() noexcept;
+QUILLET_EXPORT const Clock& systemClock() noexcept;
 
 /// A clock that always reads the same instant: reproducible output and tests.
-class FixedClock final : public Clock {
+class QUILLET_EXPORT FixedClock final : public Clock {
  public:
   explicit FixedClock(std::chrono::system_clock::time_point instant) noexcept : instant_(instant) {}
   std::chrono::system_clock::time_point now() const noexcept override { return instant_; }

@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// The outcome of a consent screen: accept all, reject all, or the user's own selection.
-class ConsentAction {
+class QUILLET_EXPORT ConsentAction {
  public:
   enum class Kind { customize, acceptAll, rejectAll };
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 class AnalyticsRegistry;
@@ -14,11 +16,11 @@ class AnalyticsRegistry;
 namespace GoogleConsentMode {
 
 /// The four signals for a TC String (only its core segment is read).
-std::map<std::string, std::string> signalsFor(std::string_view tcString);
+QUILLET_EXPORT std::map<std::string, std::string> signalsFor(std::string_view tcString);
 
 /// Logs the signals and hands them to the receiver registered as "FIRAnalytics", when there is
 /// one. Runs on the caller's thread; keeps no state.
-void update(std::string_view tcString, const AnalyticsRegistry& registry);
+QUILLET_EXPORT void update(std::string_view tcString, const AnalyticsRegistry& registry);
 
 }  // namespace GoogleConsentMode
 }  // namespace quillet

@@ -7,10 +7,12 @@
 #include <mutex>
 #include <thread>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// The host's main (user interface) thread as a queue of tasks.
-class MainQueue {
+class QUILLET_EXPORT MainQueue {
  public:
   virtual ~MainQueue() = default;
   /// Runs `task` later on the main thread, after the tasks posted before it. Callable from any
@@ -21,7 +23,7 @@ class MainQueue {
 
 /// A main queue that the host pumps: the thread that creates it is the main thread, and tasks
 /// run only inside `runUntilIdle`, `runFor` or `run`, called on that thread.
-class RunLoop final : public MainQueue {
+class QUILLET_EXPORT RunLoop final : public MainQueue {
  public:
   RunLoop();
 

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quillet/core/Export.h"
 #include "quillet/network/Endpoints.h"
 
 namespace quillet {
@@ -19,7 +20,7 @@ class ScreenHost;
 
 /// Everything the library takes from the platform it runs on. The host installs one value once,
 /// before `QuilletCMP::initialize`; members it leaves empty take the defaults.
-struct Platform {
+struct QUILLET_EXPORT Platform {
   /// Default: the SQLite store at its default path.
   std::shared_ptr<KeyValueStore> keyValueStore;
   /// Default: a CurlHttpClient.

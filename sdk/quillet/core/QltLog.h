@@ -8,21 +8,23 @@
 #include <string_view>
 #include <utility>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// Severity of a log line; the raw values are part of the public contract.
 enum class QltLogLevel : int { verbose = 0, debug = 1, info = 2, warning = 3, error = 4 };
 
 /// The level with this raw value (0 to 4), or nothing.
-std::optional<QltLogLevel> qltLogLevelFromRawValue(int rawValue) noexcept;
+QUILLET_EXPORT std::optional<QltLogLevel> qltLogLevelFromRawValue(int rawValue) noexcept;
 
 /// The label a line carries: "VERBOSE", "DEBUG", "INFO", "WARN", "ERROR".
-std::string_view qltLogLevelLabel(QltLogLevel level) noexcept;
+QUILLET_EXPORT std::string_view qltLogLevelLabel(QltLogLevel level) noexcept;
 
 /// Where finished log lines go. `write` gets one complete line without its final line break
 /// (a line may itself contain line breaks: the error description and the call stack). It may be
 /// called from any thread at the same time.
-class LogSink {
+class QUILLET_EXPORT LogSink {
  public:
   virtual ~LogSink() = default;
   virtual void write(std::string_view line) noexcept = 0;
@@ -36,7 +38,7 @@ class LogSink {
 ///
 /// Threads: every member may be called from any thread. While logging is off a call costs one
 /// relaxed atomic load; the overloads that take a callable build the message only when on.
-class QltLog {
+class QUILLET_EXPORT QltLog {
  public:
   QltLog() = delete;
 

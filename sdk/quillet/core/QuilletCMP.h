@@ -13,6 +13,7 @@
 #include <boost/json/object.hpp>
 
 #include "quillet/core/ConsentAction.h"
+#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
@@ -30,7 +31,7 @@ namespace quillet {
 /// thread, which applies them; screens are presented on the main queue; consent actions run on
 /// the caller's thread. `makeTCStringRejectAll` and `ensureConfigLoaded` block until a needed
 /// fetch completes: never call them from an HTTP completion.
-class QuilletCMP : public std::enable_shared_from_this<QuilletCMP> {
+class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP> {
  public:
   /// The one process-wide instance.
   static QuilletCMP& shared();

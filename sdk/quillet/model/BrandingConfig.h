@@ -7,12 +7,14 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// The publisher's banner configuration ("banner_config.json"): the banner's look and texts,
 /// which first-layer buttons show, the publisher's vendor and purpose selection, the versions the
 /// vendor list cache is checked against, and the publisher country code. An immutable value.
-class BrandingConfig {
+class QUILLET_EXPORT BrandingConfig {
  public:
   /// Every field, in order, for building a configuration directly.
   struct Fields {

@@ -6,12 +6,13 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 
 namespace quillet {
 
 /// A chosen set of purpose ids and vendor ids, in the order given.
-struct ConsentSelections {
+struct QUILLET_EXPORT ConsentSelections {
   std::vector<std::int64_t> purposeIds;
   std::vector<std::int64_t> vendorIds;
 

@@ -8,6 +8,7 @@
 
 #include <boost/json/value.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 
 namespace quillet {
@@ -15,7 +16,7 @@ namespace quillet {
 /// A vendor's device storage disclosure document (the JSON a vendor publishes at its
 /// "deviceStorageDisclosureUrl"), decoded strictly: one entry or domain that fails to decode
 /// fails the whole document, and the error names the key and the problem.
-struct DeviceStorageDisclosure {
+struct QUILLET_EXPORT DeviceStorageDisclosure {
   /// One stored item: a cookie or another kind of device storage.
   struct Entry {
     std::string identifier;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "quillet/core/Export.h"
 // Pieces shared by the purpose and vendor parsers. Internal to the model.
 
 #include <cstdint>
@@ -12,6 +13,6 @@ namespace quillet::gvl {
 
 /// The id of a vendor list entry: its "id" when that is an exact integer, else its member key
 /// read as a decimal integer, else 0.
-std::int64_t entryId(const boost::json::object& entry, std::string_view key);
+QUILLET_EXPORT std::int64_t entryId(const boost::json::object& entry, std::string_view key);
 
 }  // namespace quillet::gvl

@@ -10,6 +10,8 @@
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
+#include "quillet/core/Export.h"
+
 /// The loose readers through which the library reads untyped JSON (configuration documents, the
 /// vendor list). Each rule lives here once. Absent, null and wrongly typed values all read as
 /// "absent" (std::nullopt or nullptr); nothing throws. Booleans are never numbers and strings are
@@ -17,37 +19,40 @@
 namespace quillet::Json {
 
 /// The value under `key`, or nullptr when there is none.
-const boost::json::value* member(const boost::json::object& object, std::string_view key) noexcept;
+QUILLET_EXPORT const boost::json::value* member(const boost::json::object& object,
+                                                std::string_view key) noexcept;
 
 /// A number that is exactly an integer in the signed 64-bit range: 3 and 3.0 give 3; 3.5, a
 /// number out of range, a boolean or any other kind give absent.
-std::optional<std::int64_t> exactInteger(const boost::json::value* value) noexcept;
+QUILLET_EXPORT std::optional<std::int64_t> exactInteger(const boost::json::value* value) noexcept;
 
 /// Any number truncated toward zero (3.9 gives 3, -3.9 gives -3); absent for numbers outside the
 /// signed 64-bit range and for every other kind, booleans included.
-std::optional<std::int64_t> truncatedInteger(const boost::json::value* value) noexcept;
+QUILLET_EXPORT std::optional<std::int64_t> truncatedInteger(
+    const boost::json::value* value) noexcept;
 
 /// An element of a loose id list: a number truncated toward zero, or a boolean counted as 1 or
 /// 0 (the platform's JSON model stores booleans as numbers); absent for anything else.
-std::optional<std::int64_t> idListElement(const boost::json::value* value) noexcept;
+QUILLET_EXPORT std::optional<std::int64_t> idListElement(const boost::json::value* value) noexcept;
 
-std::optional<bool> boolean(const boost::json::value* value) noexcept;
-std::optional<std::string_view> string(const boost::json::value* value) noexcept;
-const boost::json::array* array(const boost::json::value* value) noexcept;
-const boost::json::object* object(const boost::json::value* value) noexcept;
+QUILLET_EXPORT std::optional<bool> boolean(const boost::json::value* value) noexcept;
+QUILLET_EXPORT std::optional<std::string_view> string(const boost::json::value* value) noexcept;
+QUILLET_EXPORT const boost::json::array* array(const boost::json::value* value) noexcept;
+QUILLET_EXPORT const boost::json::object* object(const boost::json::value* value) noexcept;
 
 /// An array whose every element is an exact integer, as a list; absent when the value is not an
 /// array or any one element is not an exact integer (all or nothing).
-std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value);
+QUILLET_EXPORT std::optional<std::vector<std::int64_t>> exactIntegerArray(
+    const boost::json::value* value);
 
 /// The exact-integer elements of an array, in order, skipping every other element; none when the
 /// value is not an array.
-std::vector<std::int64_t> integerMembers(const boost::json::value* value);
+QUILLET_EXPORT std::vector<std::int64_t> integerMembers(const boost::json::value* value);
 
 /// The JSON text of a document, or absent when the text is not JSON. Never throws.
-std::optional<boost::json::value> parse(std::string_view text);
+QUILLET_EXPORT std::optional<boost::json::value> parse(std::string_view text);
 
 /// The value as compact JSON text, for log lines.
-std::string print(const boost::json::value& value);
+QUILLET_EXPORT std::string print(const boost::json::value& value);
 
 }  // namespace quillet::Json

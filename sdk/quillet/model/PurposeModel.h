@@ -7,12 +7,13 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 
 namespace quillet {
 
 /// One purpose of the Global Vendor List, as the screens show it. An immutable value.
-class PurposeModel {
+class QUILLET_EXPORT PurposeModel {
  public:
   PurposeModel(std::int64_t id, std::string name, std::optional<std::string> description);
 

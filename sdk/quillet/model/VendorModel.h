@@ -7,6 +7,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 
 namespace quillet {
@@ -14,7 +15,7 @@ namespace quillet {
 class BrandingConfig;
 
 /// One vendor of the Global Vendor List, as the screens show it. An immutable value.
-class VendorModel {
+class QUILLET_EXPORT VendorModel {
  public:
   VendorModel(std::int64_t id, std::string name, std::optional<std::string> policyUrl,
               std::vector<std::int64_t> purposes, std::vector<std::int64_t> legIntPurposes);

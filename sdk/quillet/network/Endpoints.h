@@ -2,10 +2,12 @@
 
 #include <string>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// Where the library's requests go.
-struct Endpoints {
+struct QUILLET_EXPORT Endpoints {
   /// Base of the configuration CDN, ending in "/": configurations are at
   /// <base><settings id>/banner_config.json, the vendor list at <base>gvl.json.
   std::string cdnBaseUrl;

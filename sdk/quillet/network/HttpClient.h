@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "quillet/core/Bytes.h"
+#include "quillet/core/Export.h"
 
 namespace quillet {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-struct HttpRequest {
+struct QUILLET_EXPORT HttpRequest {
   std::string method = "GET";
   std::string url;
   HttpHeaders headers;
@@ -23,7 +24,7 @@ struct HttpRequest {
 };
 
 /// The final response of an exchange (after redirects).
-struct HttpResponse {
+struct QUILLET_EXPORT HttpResponse {
   int status = 0;
   HttpHeaders headers;  ///< names as the server wrote them
 };
@@ -41,7 +42,7 @@ enum class HttpErrorCode {
   other,
 };
 
-struct HttpError {
+struct QUILLET_EXPORT HttpError {
   HttpErrorCode code = HttpErrorCode::other;
   std::string description;  ///< readable, for log lines
 };
@@ -55,7 +56,7 @@ using HttpCompletion =
 /// Sends HTTP requests asynchronously. `send` returns at once; the completion runs later on the
 /// client's own background thread, never inside `send`. Implementations are safe to call from
 /// any thread, and from inside a completion. There are no retries.
-class HttpClient {
+class QUILLET_EXPORT HttpClient {
  public:
   virtual ~HttpClient() = default;
   virtual void send(HttpRequest request, HttpCompletion completion) = 0;

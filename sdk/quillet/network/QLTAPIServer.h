@@ -9,6 +9,7 @@
 #include <boost/json/object.hpp>
 
 #include "quillet/core/Clock.h"
+#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/network/Endpoints.h"
 #include "quillet/network/HttpClient.h"
@@ -27,53 +28,54 @@ using VendorList = std::shared_ptr<const boost::json::object>;
 
 /// What the network side runs on. Empty members take the defaults: a process-wide
 /// CurlHttpClient, the built-in endpoints, the system clock, and random version-4 UUIDs.
-struct Environment {
+struct QUILLET_EXPORT Environment {
   std::shared_ptr<HttpClient> httpClient;
   std::optional<Endpoints> endpoints;
   std::shared_ptr<const Clock> clock;
   std::function<std::string()> makeUuid;
 };
 /// Replaces the environment for requests made from now on.
-void setEnvironment(Environment environment);
+QUILLET_EXPORT void setEnvironment(Environment environment);
 /// The client requests go through: the environment's, or the process-wide default.
-std::shared_ptr<HttpClient> httpClient();
+QUILLET_EXPORT std::shared_ptr<HttpClient> httpClient();
 
 /// Downloads the configuration for `settingsId`, then either uses the cached vendor list (when
 /// one is stored and its stored version equals the configuration's `vendorListVersion`) or
 /// downloads the vendor list and stores it with that version, falling back to the cache when the
 /// download fails. Completes with the configuration (absent when it could not be read, and then
 /// without a vendor list) and the vendor list (absent when there is none at all).
-void fetchBannerConfigAndMaybeGVL(
+QUILLET_EXPORT void fetchBannerConfigAndMaybeGVL(
     std::string_view settingsId,
     std::function<void(std::optional<BrandingConfig>, VendorList)> completion);
 
 /// Downloads and parses the configuration, keeps it as the cached configuration, completes with it.
 /// Any response body that is a JSON object is used, whatever the HTTP status.
-void fetchBrandingConfig(std::string_view settingsId,
-                         std::function<void(std::optional<BrandingConfig>)> completion);
+QUILLET_EXPORT void fetchBrandingConfig(
+    std::string_view settingsId, std::function<void(std::optional<BrandingConfig>)> completion);
 
 /// Downloads the vendor list (its "gvl" member when that is an object, else the whole document),
 /// keeps it as the cached vendor list and completes with it; stores nothing persistently.
-void fetchGVL(std::function<void(VendorList)> completion);
+QUILLET_EXPORT void fetchGVL(std::function<void(VendorList)> completion);
 
 /// Fills the in-memory vendor list from the stored one when it is empty.
-void initializeCache();
+QUILLET_EXPORT void initializeCache();
 /// Empties the in-memory vendor list and configuration; the store is not touched.
-void clearCache();
-VendorList cachedGVL();
-std::optional<BrandingConfig> cachedConfig();
+QUILLET_EXPORT void clearCache();
+QUILLET_EXPORT VendorList cachedGVL();
+QUILLET_EXPORT std::optional<BrandingConfig> cachedConfig();
 
 /// Posts an analytics session event (app_id, uuid, platform "ios", ts in milliseconds) and logs
 /// the outcome: the HTTP status at debug level, a transport error at error level.
-void postAnalyticsSessionEvent(std::string_view settingsId, std::optional<std::string> deviceId);
+QUILLET_EXPORT void postAnalyticsSessionEvent(std::string_view settingsId,
+                                              std::optional<std::string> deviceId);
 
 /// Posts a consent event (tcString, settingsId, eventType, source "ios", deviceId) and ignores
 /// the outcome entirely.
-void postConsent(std::string_view tcString, std::string_view settingsId, std::string_view eventType,
-                 std::optional<std::string> deviceId);
+QUILLET_EXPORT void postConsent(std::string_view tcString, std::string_view settingsId,
+                                std::string_view eventType, std::optional<std::string> deviceId);
 
 /// The installation's device id: the stored one, or a new random UUID that is stored (without
 /// synchronising) and kept from then on.
-std::string deviceId();
+QUILLET_EXPORT std::string deviceId();
 
 }  // namespace quillet::QLTAPIServer

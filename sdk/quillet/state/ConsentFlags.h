@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 /// Switches by id; an absent id reads as off.
@@ -14,10 +16,10 @@ using ConsentFlags = std::map<std::int64_t, bool>;
 using NestedConsentFlags = std::map<std::int64_t, ConsentFlags>;
 
 /// "{1: true, 7: false}" and "{1: {755: true}}": stable renderings for log lines.
-std::string describe(const ConsentFlags& flags);
-std::string describe(const NestedConsentFlags& flags);
+QUILLET_EXPORT std::string describe(const ConsentFlags& flags);
+QUILLET_EXPORT std::string describe(const NestedConsentFlags& flags);
 
 /// The ids switched on, ascending.
-std::vector<std::int64_t> idsOn(const ConsentFlags& flags);
+QUILLET_EXPORT std::vector<std::int64_t> idsOn(const ConsentFlags& flags);
 
 }  // namespace quillet

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "quillet/core/Export.h"
 #include "quillet/state/ConsentFlags.h"
 
 namespace quillet {
@@ -10,7 +11,7 @@ namespace quillet {
 /// The consent switch per vendor, in memory only. Posts "qlt.vendorConsentChanged" ("id", "on")
 /// on the default notification centre. Safe to use from several threads; no lock is held while
 /// posting.
-class VendorConsentStore {
+class QUILLET_EXPORT VendorConsentStore {
  public:
   static VendorConsentStore& shared();
 

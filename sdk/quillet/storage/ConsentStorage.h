@@ -7,6 +7,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/storage/KeyValueStore.h"
 
 /// What survives a restart of the host application: the consent flag, the last TC String, the
@@ -17,29 +18,29 @@ namespace quillet::ConsentStorage {
 
 /// The store the library uses. Until one is installed, the SQLite store at its default path is
 /// opened on first use (a store in memory, with an error logged, when that cannot be opened).
-std::shared_ptr<KeyValueStore> store();
+QUILLET_EXPORT std::shared_ptr<KeyValueStore> store();
 /// Installs the store the library uses from now on; nullptr returns to the default.
-void setStore(std::shared_ptr<KeyValueStore> store);
+QUILLET_EXPORT void setStore(std::shared_ptr<KeyValueStore> store);
 
 /// Stores the flag, then the string (removing a stored one when absent), then synchronises.
-void saveConsent(bool consent, const std::optional<std::string>& tcString);
-bool getConsent();
-std::optional<std::string> getTCString();
+QUILLET_EXPORT void saveConsent(bool consent, const std::optional<std::string>& tcString);
+QUILLET_EXPORT bool getConsent();
+QUILLET_EXPORT std::optional<std::string> getTCString();
 
 /// Stores the vendor list as JSON bytes and synchronises. A document that JSON cannot represent
 /// (a non-finite number) stores nothing and leaves the cached one in place.
-void saveGVL(const boost::json::object& gvl);
+QUILLET_EXPORT void saveGVL(const boost::json::object& gvl);
 /// The cached vendor list; nothing when none is stored, its bytes are not JSON, or it is not an
 /// object.
-std::optional<boost::json::object> loadGVL();
+QUILLET_EXPORT std::optional<boost::json::object> loadGVL();
 
-std::int64_t getConfigVersion();
-void setConfigVersion(std::int64_t version);
-std::int64_t getVendorListVersion();
-void setVendorListVersion(std::int64_t version);
+QUILLET_EXPORT std::int64_t getConfigVersion();
+QUILLET_EXPORT void setConfigVersion(std::int64_t version);
+QUILLET_EXPORT std::int64_t getVendorListVersion();
+QUILLET_EXPORT void setVendorListVersion(std::int64_t version);
 
 /// Forgets the consent, the string, the cached vendor list and both versions, then
 /// synchronises. The device id and the special-feature states stay.
-void resetConsent();
+QUILLET_EXPORT void resetConsent();
 
 }  // namespace quillet::ConsentStorage

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "quillet/core/Export.h"
 #include "quillet/storage/StoreValue.h"
 
 namespace quillet {
@@ -12,7 +13,7 @@ namespace quillet {
 /// The application's persistent key-value store (the platform's user defaults). Implementations
 /// are safe to use from several threads at once; a write is visible to every reader as soon as
 /// `set` or `remove` returns.
-class KeyValueStore {
+class QUILLET_EXPORT KeyValueStore {
  public:
   virtual ~KeyValueStore() = default;
 

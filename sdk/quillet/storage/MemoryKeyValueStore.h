@@ -4,13 +4,14 @@
 #include <shared_mutex>
 #include <string>
 
+#include "quillet/core/Export.h"
 #include "quillet/storage/KeyValueStore.h"
 
 namespace quillet {
 
 /// A key-value store in memory: for tests and for hosts that keep nothing on disk. Nothing
 /// outlives the object; `synchronize` has nothing to do and returns true.
-class MemoryKeyValueStore final : public KeyValueStore {
+class QUILLET_EXPORT MemoryKeyValueStore final : public KeyValueStore {
  public:
   std::optional<StoreValue> get(std::string_view key) const override;
   void set(std::string_view key, StoreValue value) override;

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "quillet/core/Export.h"
 #include "quillet/core/Result.h"
 #include "quillet/storage/KeyValueStore.h"
 
@@ -21,7 +22,7 @@ namespace quillet {
 /// not a usable store (not a database, a foreign schema, a newer schema version) is renamed aside
 /// with a timestamp suffix, an error is logged, and a fresh store starts in its place. All
 /// operations may be called from any thread; they are serialised on one connection.
-class SqliteKeyValueStore final : public KeyValueStore {
+class QUILLET_EXPORT SqliteKeyValueStore final : public KeyValueStore {
  public:
   /// `$XDG_DATA_HOME/quillet/store.sqlite`, or `~/.local/share/quillet/store.sqlite` when
   /// XDG_DATA_HOME is unset or relative.

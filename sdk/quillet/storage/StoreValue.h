@@ -8,12 +8,13 @@
 #include <variant>
 
 #include "quillet/core/Bytes.h"
+#include "quillet/core/Export.h"
 
 namespace quillet {
 
 /// One value of the key-value store: a boolean, a 64-bit integer, a floating-point number, a
 /// text, bytes, or a dictionary from text keys to such values (nested as deep as needed).
-class StoreValue {
+class QUILLET_EXPORT StoreValue {
  public:
   using Dictionary = std::map<std::string, StoreValue, std::less<>>;
   using Variant = std::variant<bool, std::int64_t, double, std::string, Bytes, Dictionary>;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "quillet/core/Export.h"
 // A compact binary form of store values, used for dictionaries in the SQLite store. Internal to
 // the storage subsystem.
 
@@ -10,10 +11,10 @@
 
 namespace quillet::storeValueCodec {
 
-Bytes encode(const StoreValue& value);
+QUILLET_EXPORT Bytes encode(const StoreValue& value);
 
 /// Nothing when the bytes are not exactly one encoded value (truncated, unknown tags, trailing
 /// bytes, or nesting deeper than 64 levels).
-std::optional<StoreValue> decode(std::span<const std::uint8_t> bytes);
+QUILLET_EXPORT std::optional<StoreValue> decode(std::span<const std::uint8_t> bytes);
 
 }  // namespace quillet::storeValueCodec

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/ScreenContent.h"
 #include "quillet/ui/SecondLayerViewController.h"
@@ -12,7 +13,7 @@
 namespace quillet {
 
 /// One stack of the vendor list as the banner previews it.
-struct StackPreview {
+struct QUILLET_EXPORT StackPreview {
   std::int64_t id = 0;
   std::string name;
   std::string description;
@@ -28,7 +29,7 @@ struct StackPreview {
 /// that apply to this publisher and links to the second layer, with native buttons (accept all,
 /// optionally reject and customise) below it. Its buttons write the consent stores and hand one
 /// `ConsentAction` to `completion`.
-class CMPBannerViewController final : public Screen, public SecondLayerDelegate {
+class QUILLET_EXPORT CMPBannerViewController final : public Screen, public SecondLayerDelegate {
  public:
   /// `completion` gets the banner's own accept-all or reject-all, after the banner is dismissed.
   CMPBannerViewController(ScreenContent content, std::function<void(ConsentAction)> completion);

@@ -7,6 +7,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/model/DeviceStorageDisclosure.h"
 #include "quillet/ui/Screen.h"
 
@@ -14,7 +15,7 @@ namespace quillet {
 
 /// The table of a vendor's device storage disclosure: a "Storage Entries" section and a
 /// "Domains" section, or "No Data" when the vendor gave nothing.
-class DeviceStorageDisclosureTableViewController {
+class QUILLET_EXPORT DeviceStorageDisclosureTableViewController {
  public:
   enum class Section { entries, domains };
 
@@ -36,7 +37,7 @@ class DeviceStorageDisclosureTableViewController {
 
 /// "Device Storage Disclosure": shows that the document is loading, then its table, or
 /// "No Data" when the download or the decoding fails.
-class DeviceStorageDisclosureViewController final : public Screen {
+class QUILLET_EXPORT DeviceStorageDisclosureViewController final : public Screen {
  public:
   DeviceStorageDisclosureViewController(std::string vendorName, std::string url,
                                         boost::json::object purposesDict, std::string accent);

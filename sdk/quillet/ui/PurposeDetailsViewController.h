@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/Screen.h"
@@ -13,7 +14,7 @@ namespace quillet {
 /// One purpose in full: its description, a consent master switch that also switches every
 /// consent vendor of the purpose, the consent vendors, and the legitimate-interest vendors
 /// (folded) with a switch for all of them.
-class PurposeDetailsViewController final : public Screen {
+class QUILLET_EXPORT PurposeDetailsViewController final : public Screen {
  public:
   PurposeDetailsViewController(PurposeModel purpose, std::vector<VendorModel> consentVendors,
                                std::vector<VendorModel> liVendors, std::string accent);

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/ui/Screen.h"
@@ -17,7 +18,7 @@ namespace quillet {
 /// The list of purposes inside the purposes tab: one "PurposeCell" row per purpose with its name,
 /// the hint "Tap to read more" and a consent switch. The switches belong to the owner, which
 /// hands them in and outlives this page.
-class PurposesPageViewController {
+class QUILLET_EXPORT PurposesPageViewController {
  public:
   static constexpr std::string_view kCellIdentifier = "PurposeCell";
 

@@ -8,12 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 
 class ScreenHost;
 
 /// A navigation the document's web view is about to make.
-struct Navigation {
+struct QUILLET_EXPORT Navigation {
   std::string url;  ///< absolute; may be empty
   /// True for a link the user activated; false for the initial load and for scripts.
   bool isLinkActivation = true;
@@ -28,14 +30,14 @@ enum class PresentationStyle {
 
 enum class Transition { coverVertical, crossDissolve };
 
-struct Presentation {
+struct QUILLET_EXPORT Presentation {
   PresentationStyle style = PresentationStyle::fullScreen;
   Transition transition = Transition::coverVertical;
   bool animated = true;
 };
 
 /// A control the host draws natively beside the document (the banner's logo and buttons).
-struct NativeControl {
+struct QUILLET_EXPORT NativeControl {
   enum class Kind { image, filledButton, destructiveButton, plainButton };
   Kind kind = Kind::filledButton;
   std::string action;    ///< what `Screen::perform` takes when it is tapped
@@ -47,7 +49,7 @@ struct NativeControl {
 };
 
 /// An event of the library's own scheme: "quillet://<name>/<id>/<id>...".
-struct ScreenEvent {
+struct QUILLET_EXPORT ScreenEvent {
   std::string name;
   std::vector<std::int64_t> ids;
 
@@ -60,13 +62,13 @@ struct ScreenEvent {
 
 /// Runs `task` now when called on the platform's main thread, else posts it there. Observers of
 /// the consent stores use it: notifications arrive on whichever thread changed a store.
-void runOnMainThread(std::function<void()> task);
+QUILLET_EXPORT void runOnMainThread(std::function<void()> task);
 
 /// A consent screen: a controller that owns its state and handlers and renders an HTML document
 /// that a host shows in a web view. Events come back through `decidePolicy` (links, including
 /// the library's own scheme) and `perform` (native controls). A screen is created, used and
 /// destroyed on the main thread; it asks its host to show it again after its state changes.
-class Screen : public std::enable_shared_from_this<Screen> {
+class QUILLET_EXPORT Screen : public std::enable_shared_from_this<Screen> {
  public:
   virtual ~Screen();
   Screen(const Screen&) = delete;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/ui/Screen.h"
 
 namespace quillet {
@@ -17,7 +18,7 @@ namespace quillet {
 ///
 /// Threads: `canPresent`, `topScreen` and `screens` may be called from any thread; everything
 /// else on the main thread. No lock is held while a screen or a subclass is called.
-class ScreenHost : public std::enable_shared_from_this<ScreenHost> {
+class QUILLET_EXPORT ScreenHost : public std::enable_shared_from_this<ScreenHost> {
  public:
   /// What changed, for the drawing side.
   struct Update {

@@ -6,6 +6,7 @@
 #include <set>
 #include <vector>
 
+#include "quillet/core/Export.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/ScreenContent.h"
 
@@ -15,7 +16,7 @@ class PurposeTabViewController;
 class VendorsPageViewController;
 
 /// Told by the second layer how it ended (never told of a reject-all).
-class SecondLayerDelegate {
+class QUILLET_EXPORT SecondLayerDelegate {
  public:
   virtual ~SecondLayerDelegate() = default;
   virtual void didAcceptAll() = 0;
@@ -26,7 +27,7 @@ class SecondLayerDelegate {
 /// "Manage Preferences": a purposes page and a vendors page switched by two segments, and the
 /// Save, Accept All and Reject All buttons, which write the consent stores, hand a
 /// `ConsentAction` to the facade's handler and close both consent screens.
-class SecondLayerViewController final : public Screen {
+class QUILLET_EXPORT SecondLayerViewController final : public Screen {
  public:
   explicit SecondLayerViewController(ScreenContent content);
   ~SecondLayerViewController() override;

@@ -9,6 +9,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/WebCMPStyleToggle.h"
@@ -21,7 +22,7 @@ class VendorConsentStore;
 /// (kept in step with each other), its special features, what it stores on the device, its
 /// privacy policy, and the way to its device storage disclosure. Observes the vendor and
 /// special-feature notifications and brings its switches in line.
-class VendorDetailsViewController final : public Screen {
+class QUILLET_EXPORT VendorDetailsViewController final : public Screen {
  public:
   VendorDetailsViewController(boost::json::object vendor,
                               std::shared_ptr<const boost::json::object> gvl,

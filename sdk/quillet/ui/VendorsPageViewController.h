@@ -10,6 +10,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/Screen.h"
@@ -20,7 +21,7 @@ class VendorConsentStore;
 
 /// The vendors page of the second layer: one "VendorCell" row per vendor with its consent
 /// switch (read from and written to the vendor consent store) and a way to its details.
-class VendorsPageViewController {
+class QUILLET_EXPORT VendorsPageViewController {
  public:
   static constexpr std::string_view kCellIdentifier = "VendorCell";
 
