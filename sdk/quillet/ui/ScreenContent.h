@@ -8,6 +8,7 @@
 #include <boost/json/object.hpp>
 
 #include "quillet/core/ConsentAction.h"
+#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/ConsentSelections.h"
 #include "quillet/model/PurposeModel.h"
@@ -16,11 +17,12 @@
 namespace quillet {
 
 /// What the consent screens are built from: the facade's loaded configuration and vendor list.
-struct ScreenContent {
+struct QUILLET_EXPORT ScreenContent {
   BrandingConfig config;
   std::vector<PurposeModel> purposes;
   std::vector<VendorModel> vendors;
-  /// The vendor list entries of `vendors`, in the same order, sharing ownership of `gvl`.
+  /// The vendor list entries of `vendors`, in the same order, sharing ownership of `gvl`; empty
+  /// for a vendor without an entry under its id.
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
   std::shared_ptr<const boost::json::object> gvl;
   std::optional<ConsentSelections> initialSelections;
