@@ -59,10 +59,12 @@ std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
   std::vector<std::shared_ptr<const boost::json::object>> entries;
   if (!gvl) return entries;
   const boost::json::object& all = VendorList::vendors(*gvl);
+  entries.reserve(vendors.size());
   for (const auto& vendor : vendors) {
-    if (const auto* entry = Json::object(Json::member(all, std::to_string(vendor.id())))) {
-      entries.emplace_back(gvl, entry);
-    }
+    // Empty for a vendor without an entry under its id, so that entry i stays vendor i's.
+    const auto* entry = Json::object(Json::member(all, std::to_string(vendor.id())));
+    entries.push_back(entry != nullptr ? std::shared_ptr<const boost::json::object>(gvl, entry)
+                                       : nullptr);
   }
   return entries;
 }

@@ -6,6 +6,8 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/core/Export.h"
+
 namespace quillet {
 class VendorModel;
 }
@@ -14,22 +16,23 @@ class VendorModel;
 namespace quillet::VendorList {
 
 /// The document's "vendors" object, or an empty one.
-const boost::json::object& vendors(const boost::json::object& gvl);
+QUILLET_EXPORT const boost::json::object& vendors(const boost::json::object& gvl);
 
 /// The keys of an object that read as decimal integers, ascending.
-std::vector<std::int64_t> integerKeys(const boost::json::object& object);
+QUILLET_EXPORT std::vector<std::int64_t> integerKeys(const boost::json::object& object);
 
 /// The special feature ids: the integer keys of "specialFeatures" when it is an object, the
 /// integer "id" of each element when it is an array, else none. Ascending.
-std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
+QUILLET_EXPORT std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
 
 /// The special feature entries in document order: the object's member values, or the array's
 /// object elements; none when the member is missing or of another kind.
-std::vector<const boost::json::object*> specialFeatures(const boost::json::object& gvl);
+QUILLET_EXPORT std::vector<const boost::json::object*> specialFeatures(
+    const boost::json::object& gvl);
 
-/// The "vendors" entries of `vendors`, in their order, sharing ownership of `gvl`; a vendor
-/// without an entry under its decimal id is left out.
-std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+/// The "vendors" entries of `vendors`, one per vendor in their order, sharing ownership of `gvl`;
+/// empty for a vendor without an entry under its decimal id (whose "id" member names another).
+QUILLET_EXPORT std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
     const std::shared_ptr<const boost::json::object>& gvl, const std::vector<VendorModel>& vendors);
 
 }  // namespace quillet::VendorList
