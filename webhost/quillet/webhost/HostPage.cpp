@@ -145,6 +145,7 @@ function makeLayer(screen) {
   }
   iframe.addEventListener('load', () => {
     intercept(layer);
+    iframe.style.pointerEvents = '';
     if (layer.refocus) {
       layer.refocus = false;
       iframe.contentWindow.focus();
@@ -184,6 +185,8 @@ async function refresh() {
       layer.refocus = document.activeElement === layer.iframe;
       layer.docVersion = screen.docVersion;
       layer.el.dataset.version = String(screen.docVersion);
+      // A tap on a document still loading would reach no handler and be lost: wait for it.
+      layer.iframe.style.pointerEvents = 'none';
       layer.iframe.src = `/screen/${screen.id}/document?v=${screen.docVersion}`;
     }
   });
