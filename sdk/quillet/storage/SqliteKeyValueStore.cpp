@@ -1,7 +1,10 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <variant>
@@ -268,6 +271,10 @@ std::optional<StoreValue> SqliteKeyValueStore::get(std::string_view key) const {
         case kDouble:
           if (type == SQLITE_FLOAT || type == SQLITE_INTEGER) {
             value.emplace(sqlite3_column_double(select, 1));
+          } else if (type == SQLITE_BLOB && size == 8) {
+            std::array<std::uint8_t, 8> bits{};
+            std::copy(blob, blob + 8, bits.begin());
+            value.emplace(std::bit_cast<double>(bits));
           }
           break;
         case kText:
@@ -305,6 +312,7 @@ void SqliteKeyValueStore::set(std::string_view key, StoreValue value) {
     sqlite3_stmt* upsert = connection_->upsert.get();
     sqlite3_bind_text(upsert, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     Bytes encoded;
+    std::array<std::uint8_t, 8> nanBits{};
     std::visit(
         [&](const auto& v) {
           using T = std::decay_t<decltype(v)>;
@@ -316,7 +324,13 @@ void SqliteKeyValueStore::set(std::string_view key, StoreValue value) {
             sqlite3_bind_int64(upsert, 3, v);
           } else if constexpr (std::is_same_v<T, double>) {
             sqlite3_bind_int(upsert, 2, kDouble);
-            sqlite3_bind_double(upsert, 3, v);
+            if (std::isnan(v)) {
+              // SQLite stores a NaN as NULL: keep its 8 bytes instead.
+              nanBits = std::bit_cast<std::array<std::uint8_t, 8>>(v);
+              sqlite3_bind_blob(upsert, 3, nanBits.data(), 8, SQLITE_STATIC);
+            } else {
+              sqlite3_bind_double(upsert, 3, v);
+            }
           } else if constexpr (std::is_same_v<T, std::string>) {
             sqlite3_bind_int(upsert, 2, kText);
             sqlite3_bind_text64(upsert, 3, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
