@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo codec-demo bench format tsan clean
+.PHONY: all deps build test demo codec-demo bench fuzz format tsan clean
 
 all: build
 
@@ -47,6 +47,12 @@ bench: build
 	./build/release/bench/facade_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 	./build/release/bench/screen_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 	cd tests && node ../bench/demo_startup.mjs ../build/release/cli/quillet 10
+
+# Every fuzz target for FUZZ_SECONDS (default 60) each; FUZZ_TARGETS names a few.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?=
+fuzz: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz $(FUZZ_TARGETS)
 
 format:
 	clang-format -i $(FORMAT_FILES)
