@@ -13,6 +13,9 @@
 namespace quillet {
 namespace {
 
+constexpr long kConnectionsPerHost = 8;
+constexpr long kIdleConnectionsKept = 16;
+
 void initialiseCurlOnce() {
   static const bool initialised = [] {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) fatalError("libcurl failed to start");
@@ -127,6 +130,10 @@ CurlHttpClient::CurlHttpClient(Options options) : options_(options) {
   initialiseCurlOnce();
   multi_ = curl_multi_init();
   if (multi_ == nullptr) fatalError("libcurl could not create a multi handle");
+  // A burst of requests to one host (a run of consent posts) waits for a free connection instead
+  // of opening one socket per request, and the idle connections kept for reuse stay few.
+  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kConnectionsPerHost);
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kIdleConnectionsKept);
   worker_ = std::thread([this] { run(); });
 }
 
