@@ -125,7 +125,8 @@ void TestServer::record(const httplib::Request& request) {
     recorded.headers.emplace(name, value);
   {
     std::lock_guard lock(mutex_);
-    requests_.push_back(std::move(recorded));
+    ++counts_[recorded.path];
+    if (keepRequests_) requests_.push_back(std::move(recorded));
   }
   arrived_.notify_all();
 }
@@ -137,20 +138,21 @@ std::vector<RecordedRequest> TestServer::requests() const {
 
 std::size_t TestServer::count(const std::string& path) const {
   std::lock_guard lock(mutex_);
-  std::size_t n = 0;
-  for (const auto& request : requests_)
-    n += request.path == path ? 1 : 0;
-  return n;
+  const auto it = counts_.find(path);
+  return it == counts_.end() ? 0 : it->second;
+}
+
+void TestServer::keepRequests(bool keep) {
+  std::lock_guard lock(mutex_);
+  keepRequests_ = keep;
 }
 
 bool TestServer::waitFor(const std::string& path, std::size_t n,
                          std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return arrived_.wait_for(lock, timeout, [&] {
-    std::size_t seen = 0;
-    for (const auto& request : requests_)
-      seen += request.path == path ? 1 : 0;
-    return seen >= n;
+    const auto it = counts_.find(path);
+    return (it == counts_.end() ? 0 : it->second) >= n;
   });
 }
 

@@ -60,6 +60,8 @@ class TestServer {
   void replyToPost(const std::string& apiPath, int status);
 
   std::vector<RecordedRequest> requests() const;
+  /// Off: requests are only counted, not kept (long runs whose memory is measured).
+  void keepRequests(bool keep);
   std::size_t count(const std::string& path) const;
   /// Waits until `n` requests to `path` have arrived, or `timeout`; true when they did.
   bool waitFor(const std::string& path, std::size_t n,
@@ -76,6 +78,8 @@ class TestServer {
   std::map<std::string, Reply> replies_;
   std::map<std::string, int> postStatus_;
   std::vector<RecordedRequest> requests_;
+  std::map<std::string, std::size_t> counts_;
+  bool keepRequests_ = true;
 };
 
 /// A port on 127.0.0.1 where nothing listens (connections are refused).

@@ -1,0 +1,235 @@
+// Long runs: thousands of decisions and start-ups through the facade against a loopback server
+// and a SQLite store, with the heap measured before and after; and a hundred fetches at once.
+// Under the address sanitizer the leak checker runs at exit. SOAK_SCALE (a percentage, default
+// 100) shortens the runs for a quick look.
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include "quillet/core/Platform.h"
+#include "quillet/core/QuilletCMP.h"
+#include "quillet/network/CurlHttpClient.h"
+#include "quillet/network/QLTAPIServer.h"
+#include "quillet/state/PendingConsentStore.h"
+#include "quillet/state/PurposeConsentStore.h"
+#include "quillet/state/SpecialFeatureConsentStore.h"
+#include "quillet/state/VendorConsentStore.h"
+#include "quillet/storage/SqliteKeyValueStore.h"
+
+#include "facade/SmallVendorList.h"
+#include "support/TempDirectory.h"
+#include "support/TestServer.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
+namespace quillet {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Reply;
+
+constexpr std::int64_t kMegabyte = 1 << 20;
+
+// Bytes the program has allocated and not freed.
+std::int64_t heapInUse() {
+#if defined(__SANITIZE_ADDRESS__)
+  return static_cast<std::int64_t>(__sanitizer_get_current_allocated_bytes());
+#else
+  const struct mallinfo2 info = mallinfo2();
+  return static_cast<std::int64_t>(info.uordblks + info.hblkhd);
+#endif
+}
+
+std::int64_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  std::int64_t size = 0;
+  std::int64_t resident = 0;
+  statm >> size >> resident;
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+int scaled(int count) {
+  const char* scale = std::getenv("SOAK_SCALE");
+  const int percent = scale != nullptr ? std::atoi(scale) : 100;
+  return std::max(1, count * std::clamp(percent, 1, 100) / 100);
+}
+
+class SoakTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server_.keepRequests(false);
+    server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig});
+    server_.reply("gvl.json", Reply{.body = testing::kSmallVendorList});
+    auto opened = SqliteKeyValueStore::open(directory_.path() / "store.sqlite");
+    ASSERT_TRUE(opened);
+    Platform::install({.keyValueStore = *opened,
+                       .httpClient = std::make_shared<CurlHttpClient>(),
+                       .endpoints = Endpoints{server_.cdnBase(), server_.apiBase()}});
+    QLTAPIServer::clearCache();
+    PurposeConsentStore::shared().replaceStates({});
+    VendorConsentStore::shared().replaceStates({});
+    SpecialFeatureConsentStore::shared().replaceMasterStates({});
+    SpecialFeatureConsentStore::shared().replaceVendorStates({});
+    PendingConsentStore::shared().reset({}, {}, {});
+  }
+  void TearDown() override {
+    Platform::install({});
+    QLTAPIServer::clearCache();
+  }
+
+  // A start-up to its completion (no screen host: nothing is shown).
+  static void startUp(QuilletCMP& facade) {
+    std::promise<void> done;
+    facade.initialize("pub", [&done] { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
+  }
+
+  // The loopback server runs in this process: once the last request arrived, let the client
+  // finish its transfers and the server's idle connections close (keep-alive is 1 s), so that
+  // both measurements see the same quiet state.
+  static void settle() { std::this_thread::sleep_for(1500ms); }
+
+  static void report(const char* what, std::int64_t heapBefore, std::int64_t heapAfter,
+                     std::int64_t rssBefore, std::int64_t rssAfter) {
+    std::printf("%s: heap in use %lld -> %lld bytes (%+lld), resident %lld -> %lld bytes (%+lld)\n",
+                what, static_cast<long long>(heapBefore), static_cast<long long>(heapAfter),
+                static_cast<long long>(heapAfter - heapBefore), static_cast<long long>(rssBefore),
+                static_cast<long long>(rssAfter), static_cast<long long>(rssAfter - rssBefore));
+  }
+
+  testing::TestServer server_;
+  testing::TempDirectory directory_;
+};
+
+// Accept all, reject all and a customised choice in turn, every decision stored and posted.
+TEST_F(SoakTest, TenThousandDecisionsKeepTheHeapFlatAndPostEveryOne) {
+  const auto facade = QuilletCMP::create();
+  startUp(*facade);
+  ASSERT_TRUE(facade->isConfigLoaded());
+
+  const int total = scaled(10000);
+  const int warmUp = std::min(300, total / 10);
+  std::int64_t heapBefore = 0;
+  std::int64_t rssBefore = 0;
+  const std::vector<std::int64_t> purposes = {1, 2, 3, 7, 10};
+  const std::vector<std::int64_t> vendors = {8, 10, 755};
+  for (int i = 0; i < total; ++i) {
+    if (i == warmUp) {
+      ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(i), 60s));
+      settle();
+      heapBefore = heapInUse();
+      rssBefore = residentBytes();
+    }
+    // People decide one at a time: every 50 decisions the posts catch up, so that what is
+    // measured is the library's state, not a queue of ten thousand posts.
+    if (i % 50 == 0) {
+      ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(i), 60s))
+          << "decision " << i << ": " << server_.count("/api/v1/consent") << " posts arrived";
+    }
+    switch (i % 3) {
+      case 0:
+        facade->acceptAllSelections();
+        break;
+      case 1:
+        facade->rejectAllSelections();
+        break;
+      default: {
+        // A different choice each time: purposes and vendors picked by the bits of i.
+        std::vector<std::int64_t> p;
+        std::vector<std::int64_t> v;
+        for (std::size_t b = 0; b < purposes.size(); ++b)
+          if (((i / 3) >> b) & 1) p.push_back(purposes[b]);
+        for (std::size_t b = 0; b < vendors.size(); ++b)
+          if (((i / 3) >> (b + 2)) & 1) v.push_back(vendors[b]);
+        facade->applyCustomSelections(std::move(p), std::move(v));
+      }
+    }
+  }
+  ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(total), 120s))
+      << server_.count("/api/v1/consent") << " of " << total << " posts arrived";
+  settle();
+  EXPECT_EQ(server_.count("/api/v1/consent"), static_cast<std::size_t>(total));
+  const std::int64_t heapAfter = heapInUse();
+  report("decisions", heapBefore, heapAfter, rssBefore, residentBytes());
+  EXPECT_LT(std::abs(heapAfter - heapBefore), kMegabyte);
+}
+
+// Start-ups after the first find the vendor list in the store and fetch only the configuration.
+TEST_F(SoakTest, AThousandStartUpsFromTheCachedVendorListKeepTheHeapFlat) {
+  startUp(*QuilletCMP::create());
+  ASSERT_EQ(server_.count("/cdn/gvl.json"), 1U);
+
+  const int total = scaled(1000);
+  const int warmUp = std::min(50, total / 10);
+  std::int64_t heapBefore = 0;
+  std::int64_t rssBefore = 0;
+  for (int i = 0; i < total; ++i) {
+    if (i == warmUp) {
+      ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", static_cast<std::size_t>(i + 1)));
+      settle();
+      heapBefore = heapInUse();
+      rssBefore = residentBytes();
+    }
+    QLTAPIServer::clearCache();  // a new process would start with nothing in memory
+    const auto facade = QuilletCMP::create();
+    startUp(*facade);
+    ASSERT_TRUE(facade->isConfigLoaded());
+  }
+  ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", static_cast<std::size_t>(total + 1)));
+  settle();
+  const std::int64_t heapAfter = heapInUse();
+  report("start-ups", heapBefore, heapAfter, rssBefore, residentBytes());
+  EXPECT_EQ(server_.count("/cdn/gvl.json"), 1U) << "the vendor list was fetched again";
+  EXPECT_EQ(server_.count("/cdn/pub/banner_config.json"), static_cast<std::size_t>(total + 1));
+  EXPECT_LT(std::abs(heapAfter - heapBefore), kMegabyte);
+}
+
+TEST(CurlHttpClientSoak, AHundredConcurrentFetchesAllCompleteAndNothingIsLeft) {
+  testing::TestServer server;
+  std::string body(100 * 1024, 'q');
+  server.reply("big.json", Reply{.body = body, .delay = 50ms});
+  const std::int64_t heapBefore = heapInUse();
+  {
+    const auto client = std::make_shared<CurlHttpClient>();
+    std::mutex mutex;
+    std::condition_variable finished;
+    int completed = 0;
+    int good = 0;
+    std::vector<std::string> errors;
+    for (int i = 0; i < 100; ++i) {
+      client->send(HttpRequest{.url = server.cdnBase() + "big.json", .timeout = 20s},
+                   [&](std::optional<Bytes> data, std::optional<HttpResponse> response,
+                       std::optional<HttpError> error) {
+                     std::lock_guard lock(mutex);
+                     ++completed;
+                     if (!error && response && response->status == 200 && data &&
+                         std::equal(data->begin(), data->end(), body.begin(), body.end()))
+                       ++good;
+                     else
+                       errors.push_back(error ? error->description : "a wrong answer");
+                     finished.notify_all();
+                   });
+    }
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(finished.wait_for(lock, 60s, [&] { return completed == 100; })) << completed;
+    EXPECT_EQ(good, 100) << ::testing::PrintToString(errors);
+    EXPECT_EQ(server.count("/cdn/big.json"), 100U);
+  }
+  // The client and every transfer are gone with it.
+  EXPECT_LT(std::abs(heapInUse() - heapBefore), kMegabyte);
+}
+
+}  // namespace
+}  // namespace quillet
