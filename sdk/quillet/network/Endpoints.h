@@ -9,9 +9,9 @@ namespace quillet {
 /// Where the library's requests go.
 struct QUILLET_EXPORT Endpoints {
   /// Base of the configuration CDN, ending in "/": configurations are at
-  /// <base><settings id>/banner_config.json, the vendor list at <base>gvl.json.
+  /// `<base><settings id>/banner_config.json`, the vendor list at `<base>gvl.json`.
   std::string cdnBaseUrl;
-  /// Base of the consent API: posts go to <base>/v1/consent and <base>/v1/analytics/events.
+  /// Base of the consent API: posts go to `<base>/v1/consent` and `<base>/v1/analytics/events`.
   std::string consentApiBaseUrl;
 
   /// The addresses this build was configured with (CMake cache variables QUILLET_CDN_BASE_URL

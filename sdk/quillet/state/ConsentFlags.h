@@ -15,9 +15,10 @@ using ConsentFlags = std::map<std::int64_t, bool>;
 /// Switches by outer id (vendor or special feature), then inner id.
 using NestedConsentFlags = std::map<std::int64_t, ConsentFlags>;
 
-/// "{1: true, 7: false}" and "{1: {755: true}}": stable renderings for log lines.
+/// "{1: true, 7: false}": a stable rendering for log lines.
 QUILLET_EXPORT std::string describe(const ConsentFlags& flags);
-QUILLET_EXPORT std::string describe(const NestedConsentFlags& flags);
+/// "{1: {755: true}}": a stable rendering for log lines.
+QUILLET_EXPORT std::string describe(const std::map<std::int64_t, ConsentFlags>& flags);
 
 /// The ids switched on, ascending.
 QUILLET_EXPORT std::vector<std::int64_t> idsOn(const ConsentFlags& flags);
