@@ -77,9 +77,9 @@ function arrows(layer, event) {
   }
 }
 
-function intercept(layer) {
-  const doc = layer.iframe.contentDocument;
-  if (!doc) return;
+function intercept(layer, doc = layer.iframe.contentDocument) {
+  if (!doc || doc.quilletIntercepted) return;
+  doc.quilletIntercepted = true;
   doc.addEventListener('click', async (event) => {
     const link = event.target.closest && event.target.closest('a[href]');
     if (!link) return;
@@ -92,6 +92,14 @@ function intercept(layer) {
   }, true);
   if (layer.native) doc.addEventListener('keydown', (event) => arrows(layer, event));
 }
+
+// Each document calls this from its head, before any of it can be tapped, so that no tap on a
+// document that is still loading is lost.
+window.quilletFrameStarted = (frameWindow) => {
+  for (const layer of layers.values()) {
+    if (layer.iframe.contentWindow === frameWindow) intercept(layer, frameWindow.document);
+  }
+};
 
 function makeLayer(screen) {
   const el = document.createElement('div');
@@ -145,7 +153,6 @@ function makeLayer(screen) {
   }
   iframe.addEventListener('load', () => {
     intercept(layer);
-    iframe.style.pointerEvents = '';
     if (layer.refocus) {
       layer.refocus = false;
       iframe.contentWindow.focus();
@@ -185,8 +192,6 @@ async function refresh() {
       layer.refocus = document.activeElement === layer.iframe;
       layer.docVersion = screen.docVersion;
       layer.el.dataset.version = String(screen.docVersion);
-      // A tap on a document still loading would reach no handler and be lost: wait for it.
-      layer.iframe.style.pointerEvents = 'none';
       layer.iframe.src = `/screen/${screen.id}/document?v=${screen.docVersion}`;
     }
   });

@@ -205,6 +205,13 @@ void WebScreenHost::route() {
                    response.status = 404;
                    return;
                  }
+                 // The host page takes the document's taps from its first moment on.
+                 constexpr std::string_view kHead = "<head>";
+                 constexpr std::string_view kStarted =
+                     "<script>parent.quilletFrameStarted && "
+                     "parent.quilletFrameStarted(window)</script>";
+                 const auto head = document->find(kHead);
+                 document->insert(head == std::string::npos ? 0 : head + kHead.size(), kStarted);
                  response.set_header("Cache-Control", "no-store");
                  response.set_content(*document, "text/html; charset=utf-8");
                });
