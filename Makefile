@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo codec-demo bench fuzz format tsan clean
+.PHONY: all deps build test demo codec-demo bench fuzz lint docs format tsan clean
 
 all: build
 
@@ -25,6 +25,7 @@ test: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS)
+	$(MAKE) --no-print-directory docs
 
 tsan: deps
 	cmake --preset tsan
@@ -53,6 +54,16 @@ FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?=
 fuzz: deps
 	FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz $(FUZZ_TARGETS)
+
+# clang-tidy with .clang-tidy over every source file; fails on any warning.
+lint: deps
+	./scripts/lint
+
+# The API reference from the public headers: build/docs/html/index.html. Fails on any warning.
+docs: deps
+	cmake --preset release >/dev/null
+	doxygen docs/Doxyfile
+	@echo "API reference: build/docs/html/index.html"
 
 format:
 	clang-format -i $(FORMAT_FILES)

@@ -4,6 +4,7 @@
 // is on loopback.
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,7 +13,6 @@
 
 #include <benchmark/benchmark.h>
 #include <httplib.h>
-#include <stdlib.h>
 
 #include "quillet/core/AnalyticsRegistry.h"
 #include "quillet/core/Clock.h"

@@ -2,6 +2,7 @@
 // records, caching it through the SQLite store and loading it back, and the memory the parsed
 // forms hold.
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -9,7 +10,6 @@
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <stdlib.h>
 
 #include "quillet/core/QltLog.h"
 #include "quillet/model/BrandingConfig.h"

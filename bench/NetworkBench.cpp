@@ -2,6 +2,7 @@
 // server through QLTAPIServer's combined operation, against a bare libcurl transfer of the same
 // bytes followed by a bare Boost.JSON parse.
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -13,7 +14,6 @@
 #include <boost/json/parse.hpp>
 #include <curl/curl.h>
 #include <httplib.h>
-#include <stdlib.h>
 
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
@@ -77,7 +77,8 @@ void runCombined(benchmark::State& state, const std::shared_ptr<KeyValueStore>& 
     store->remove(StorageKeys::vendorListVersion);  // so that every round downloads
     std::promise<bool> done;
     QLTAPIServer::fetchBannerConfigAndMaybeGVL(
-        "bench", [&done](std::optional<BrandingConfig> config, QLTAPIServer::VendorList gvl) {
+        "bench",
+        [&done](const std::optional<BrandingConfig>& config, const QLTAPIServer::VendorList& gvl) {
           done.set_value(config.has_value() && gvl != nullptr);
         });
     if (!done.get_future().get()) state.SkipWithError("the combined fetch failed");

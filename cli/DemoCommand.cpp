@@ -53,7 +53,7 @@ class PrintingAnalytics final : public ConsentSignalReceiver {
   void setConsent(const std::map<std::string, std::string>& signals) override {
     std::string line = "consent mode:";
     for (const auto& [key, value] : signals)
-      line += " " + key + "=" + value;
+      line.append(" ").append(key).append("=").append(value);
     printer_.line(line);
   }
 
@@ -101,8 +101,8 @@ std::string localVendorList(const std::string& text, const std::string& cdnBase,
 // The embedded configuration CDN and consent API.
 class DemoServer {
  public:
-  DemoServer(std::string settingsId, std::string config, std::string vendorList, fs::path testdata,
-             Printer& printer)
+  DemoServer(std::string settingsId, std::string config, const std::string& vendorList,
+             const fs::path& testdata, Printer& printer)
       : settingsId_(std::move(settingsId)), printer_(printer) {
     port_ = server_.bind_to_any_port("127.0.0.1");
     const std::vector<std::string> disclosures = {"dsd-cavai-empty.json", "dsd-tangoo.json",
@@ -160,10 +160,12 @@ class DemoServer {
 };
 
 fs::path defaultState() {
+  // Read before any thread starts.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
   if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state != '\0') {
     return fs::path(state) / "quillet-demo";
   }
-  const char* home = std::getenv("HOME");
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
   return fs::path(home != nullptr ? home : ".") / ".local" / "state" / "quillet-demo";
 }
 

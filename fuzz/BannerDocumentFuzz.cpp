@@ -29,7 +29,7 @@ std::shared_ptr<CMPBannerViewController> banner(const BrandingConfig& config,
                         std::move(gvl),
                         std::nullopt,
                         {}};
-  return std::make_shared<CMPBannerViewController>(std::move(content), [](ConsentAction) {});
+  return std::make_shared<CMPBannerViewController>(std::move(content), [](const ConsentAction&) {});
 }
 
 // The tag names (with a leading "/" for end tags) following each "<" of a document.

@@ -120,7 +120,7 @@ TEST_F(CurlHttpClientTest, ReportsEveryTransportFaultAsAnError) {
   ASSERT_TRUE(cut.error);
   EXPECT_EQ(cut.error->code, HttpErrorCode::connectionLost);
 
-  server_.reply("huge", Reply{.kind = Reply::Kind::huge, .size = 40 * 1024 * 1024});
+  server_.reply("huge", Reply{.kind = Reply::Kind::huge, .size = std::size_t{40} * 1024 * 1024});
   const Outcome huge = exchange(client_, {.url = server_.cdnBase() + "huge"});
   ASSERT_TRUE(huge.error);
   EXPECT_EQ(huge.error->code, HttpErrorCode::responseTooLarge);

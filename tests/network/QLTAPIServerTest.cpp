@@ -227,7 +227,7 @@ TEST_F(QLTAPIServerTest, UnusableConfigurationsCompleteWithNothing) {
 TEST_F(QLTAPIServerTest, VendorListFaultsFallBackWithoutCrashingOrHanging) {
   serveConfig("pub", 2);
   storeGVL(1, R"({"kept": true})");
-  for (Reply reply :
+  for (const Reply& reply :
        {Reply{.kind = Reply::Kind::cutOff, .body = R"({"vendors": {"1": {"name": "A"}}})"},
         Reply{.kind = Reply::Kind::huge, .size = 40 << 20},
         Reply{.kind = Reply::Kind::redirectLoop}, Reply{.body = ""},

@@ -198,7 +198,7 @@ TEST_F(SoakTest, AThousandStartUpsFromTheCachedVendorListKeepTheHeapFlat) {
 
 TEST(CurlHttpClientSoak, AHundredConcurrentFetchesAllCompleteAndNothingIsLeft) {
   testing::TestServer server;
-  std::string body(100 * 1024, 'q');
+  std::string body(std::size_t{100} * 1024, 'q');
   server.reply("big.json", Reply{.body = body, .delay = 50ms});
   const std::int64_t heapBefore = heapInUse();
   {

@@ -1,11 +1,11 @@
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <random>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
 
 #include "quillet/core/QltLog.h"

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,9 +1,8 @@
 #pragma once
 
+#include <cstdlib>
 #include <optional>
 #include <string>
-
-#include <stdlib.h>
 
 namespace quillet::testing {
 

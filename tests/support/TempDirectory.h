@@ -1,10 +1,9 @@
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-
-#include <stdlib.h>
 
 namespace quillet::testing {
 

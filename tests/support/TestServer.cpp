@@ -75,7 +75,7 @@ TestServer::TestServer() {
         response.set_content_provider(
             size, "application/octet-stream",
             [size](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-              static const std::string chunk(64 * 1024, 'x');
+              static const std::string chunk(std::size_t{64} * 1024, 'x');
               return sink.write(chunk.data(), std::min(chunk.size(), size - offset));
             });
         break;

@@ -17,7 +17,7 @@ std::string printed(const std::map<std::string, std::string>& signals) {
   std::string out = "[";
   for (const auto& [key, value] : signals) {
     if (out.size() > 1) out += ", ";
-    out += "\"" + key + "\": \"" + value + "\"";
+    out.append("\"").append(key).append("\": \"").append(value).append("\"");
   }
   return out + "]";
 }

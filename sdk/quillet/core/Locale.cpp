@@ -7,7 +7,8 @@ namespace quillet {
 
 std::optional<std::string> SystemLocale::languageCode() const {
   for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* value = std::getenv(variable);
+    // The library only reads the environment; the host must not change it while it runs.
+    const char* value = std::getenv(variable);  // NOLINT(concurrency-mt-unsafe)
     if (value == nullptr || value[0] == '\0') continue;
     std::string_view locale(value);
     if (locale == "C" || locale == "POSIX" || locale.starts_with("C.")) return std::nullopt;

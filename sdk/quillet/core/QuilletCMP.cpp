@@ -195,15 +195,14 @@ void QuilletCMP::fetch(std::function<void()> continuation) {
   }
   QLTAPIServer::fetchBannerConfigAndMaybeGVL(
       *id, [self = weak_from_this(), continuation = std::move(continuation)](
-               std::optional<BrandingConfig> config, QLTAPIServer::VendorList gvl) {
-        if (const auto facade = self.lock())
-          facade->applyFetchedConfig(std::move(config), std::move(gvl));
+               std::optional<BrandingConfig> config, const QLTAPIServer::VendorList& gvl) {
+        if (const auto facade = self.lock()) facade->applyFetchedConfig(std::move(config), gvl);
         continuation();
       });
 }
 
 void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
-                                    std::shared_ptr<const boost::json::object> gvl) {
+                                    const std::shared_ptr<const boost::json::object>& gvl) {
   if (!config || !gvl) return;
   std::vector<PurposeModel> parsedPurposes = PurposeModel::parse(*gvl);
   std::vector<VendorModel> parsedVendors = VendorModel::parse(*gvl, *config);
@@ -304,7 +303,7 @@ void QuilletCMP::presentBanner(std::function<void()> onFinished) {
     Snapshot s = facade->snapshot();
     if (!s.loaded()) return;
     auto banner = std::make_shared<CMPBannerViewController>(facade->screenContent(std::move(s)),
-                                                            [self](ConsentAction action) {
+                                                            [self](const ConsentAction& action) {
                                                               if (const auto f = self.lock())
                                                                 f->handleConsentAction(action);
                                                             });
@@ -542,7 +541,7 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
     pending.setPurposeConsent(id, on);
     purposes.emplace(id, on);
   }
-  PurposeConsentStore::shared().replaceStates(std::move(purposes));
+  PurposeConsentStore::shared().replaceStates(purposes);
 
   ConsentFlags vendors;
   for (const auto id : vendorIds) {
@@ -550,7 +549,7 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
     pending.setVendorConsent(id, on);
     vendors.emplace(id, on);
   }
-  VendorConsentStore::shared().replaceStates(std::move(vendors));
+  VendorConsentStore::shared().replaceStates(vendors);
 
   const boost::json::object& gvlVendors = VendorList::vendors(gvl);
   for (const auto vendorId : vendorIds) {

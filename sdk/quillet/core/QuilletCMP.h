@@ -83,7 +83,7 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   Snapshot snapshot() const;
   void fetch(std::function<void()> continuation);
   void applyFetchedConfig(std::optional<BrandingConfig> config,
-                          std::shared_ptr<const boost::json::object> gvl);
+                          const std::shared_ptr<const boost::json::object>& gvl);
   void presentBannerForStartup(std::function<void()> completion);
   // Presents the first-layer banner on the main queue; `onFinished` runs once the user decided.
   void presentBanner(std::function<void()> onFinished);

@@ -229,7 +229,9 @@ void CurlHttpClient::run() {
       }
       curl_slist* headers = nullptr;
       for (const auto& [name, value] : request.headers) {
-        headers = curl_slist_append(headers, (name + ": " + value).c_str());
+        std::string line = name;
+        line.append(": ").append(value);
+        headers = curl_slist_append(headers, line.c_str());
       }
       transfer->headers.reset(headers);
       curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);

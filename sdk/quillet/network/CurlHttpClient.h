@@ -23,7 +23,7 @@ class QUILLET_EXPORT CurlHttpClient final : public HttpClient {
  public:
   struct Options {
     std::chrono::milliseconds connectTimeout = std::chrono::seconds(15);
-    std::size_t maxResponseBytes = 32 * 1024 * 1024;
+    std::size_t maxResponseBytes = std::size_t{32} * 1024 * 1024;
   };
 
   CurlHttpClient();

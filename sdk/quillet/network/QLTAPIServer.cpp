@@ -92,10 +92,9 @@ void send(const Services& services, HttpRequest request, HttpCompletion completi
 void get(const Services& services, const std::string& url,
          std::function<void(std::optional<Bytes>, std::optional<HttpError>)> completion) {
   send(services, HttpRequest{.method = "GET", .url = url},
-       [completion = std::move(completion)](std::optional<Bytes> data, std::optional<HttpResponse>,
-                                            std::optional<HttpError> error) {
-         completion(std::move(data), std::move(error));
-       });
+       [completion = std::move(completion)](
+           std::optional<Bytes> data, const std::optional<HttpResponse>& /*response*/,
+           std::optional<HttpError> error) { completion(std::move(data), std::move(error)); });
 }
 
 std::optional<BrandingConfig> configFrom(const std::optional<Bytes>& data) {
@@ -115,7 +114,8 @@ void downloadConfig(const Services& services, std::string_view settingsId,
     return;
   }
   get(services, url,
-      [completion = std::move(completion)](std::optional<Bytes> data, std::optional<HttpError>) {
+      [completion = std::move(completion)](const std::optional<Bytes>& data,
+                                           const std::optional<HttpError>& /*error*/) {
         completion(configFrom(data), true);
       });
 }
@@ -277,10 +277,10 @@ void fetchBrandingConfig(std::string_view settingsId,
 }
 
 void fetchGVL(std::function<void(VendorList)> completion) {
-  downloadGVL(services(),
-              [completion = std::move(completion)](VendorList gvl, std::optional<Bytes>) {
-                completion(std::move(gvl));
-              });
+  downloadGVL(services(), [completion = std::move(completion)](
+                              VendorList gvl, const std::optional<Bytes>& /*data*/) {
+    completion(std::move(gvl));
+  });
 }
 
 void initializeCache() {
@@ -329,8 +329,8 @@ void postAnalyticsSessionEvent(std::string_view settingsId, std::optional<std::s
       {"ts", milliseconds},
   };
   send(current, jsonPost(std::move(url), body),
-       [](std::optional<Bytes>, std::optional<HttpResponse> response,
-          std::optional<HttpError> error) {
+       [](const std::optional<Bytes>& /*data*/, const std::optional<HttpResponse>& response,
+          const std::optional<HttpError>& error) {
          if (error) {
            QltLog::e(kTag, "postAnalyticsSessionEvent failed: " + error->description);
          } else if (response) {

@@ -15,7 +15,7 @@ ConsentFlags PurposeConsentStore::states() const {
   return states_;
 }
 
-void PurposeConsentStore::replaceStates(ConsentFlags states) {
+void PurposeConsentStore::replaceStates(const ConsentFlags& states) {
   {
     std::lock_guard lock(mutex_);
     states_ = states;

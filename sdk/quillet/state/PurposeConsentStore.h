@@ -16,7 +16,7 @@ class QUILLET_EXPORT PurposeConsentStore {
 
   ConsentFlags states() const;
   /// Assigns the states whole, then posts one notification per entry, in ascending id order.
-  void replaceStates(ConsentFlags states);
+  void replaceStates(const ConsentFlags& states);
 
  private:
   mutable std::mutex mutex_;

@@ -151,7 +151,7 @@ void SpecialFeatureConsentStore::assignMaster(std::int64_t featureId, bool isOn)
   masterStates_[featureId] = isOn;
 }
 
-void SpecialFeatureConsentStore::replaceMasterStates(ConsentFlags states) {
+void SpecialFeatureConsentStore::replaceMasterStates(const ConsentFlags& states) {
   {
     std::lock_guard lock(mutex_);
     masterStates_ = states;
@@ -160,7 +160,7 @@ void SpecialFeatureConsentStore::replaceMasterStates(ConsentFlags states) {
     announceMaster(featureId, on);
 }
 
-void SpecialFeatureConsentStore::replaceVendorStates(NestedConsentFlags states) {
+void SpecialFeatureConsentStore::replaceVendorStates(const NestedConsentFlags& states) {
   {
     std::lock_guard lock(mutex_);
     vendorStates_ = states;

@@ -34,8 +34,8 @@ class QUILLET_EXPORT SpecialFeatureConsentStore {
   void assignMaster(std::int64_t featureId, bool isOn);
 
   /// Assign whole maps and announce each entry; the pending store is not written.
-  void replaceMasterStates(ConsentFlags states);
-  void replaceVendorStates(NestedConsentFlags states);
+  void replaceMasterStates(const ConsentFlags& states);
+  void replaceVendorStates(const NestedConsentFlags& states);
 
   /// Writes both maps to the store with decimal text keys (vendor states first).
   void persist() const;

@@ -15,7 +15,7 @@ ConsentFlags VendorConsentStore::states() const {
   return states_;
 }
 
-void VendorConsentStore::replaceStates(ConsentFlags states) {
+void VendorConsentStore::replaceStates(const ConsentFlags& states) {
   {
     std::lock_guard lock(mutex_);
     states_ = states;

@@ -17,7 +17,7 @@ class QUILLET_EXPORT VendorConsentStore {
 
   ConsentFlags states() const;
   /// Assigns the states whole, then posts one notification per entry, in ascending id order.
-  void replaceStates(ConsentFlags states);
+  void replaceStates(const ConsentFlags& states);
   /// Stores and announces the switch, unless the vendor already has exactly this value (a
   /// vendor that was absent counts as changed, even to off).
   void setConsent(std::int64_t vendorId, bool isOn);

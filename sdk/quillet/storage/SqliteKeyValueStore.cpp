@@ -173,13 +173,16 @@ struct SqliteKeyValueStore::Connection {
 };
 
 std::filesystem::path SqliteKeyValueStore::defaultPath() {
+  // The library only reads the environment; the host must not change it while it runs.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
   if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && data[0] == '/') {
     return std::filesystem::path(data) / "quillet" / "store.sqlite";
   }
   std::filesystem::path home;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
   if (const char* value = std::getenv("HOME"); value != nullptr && value[0] != '\0') {
     home = value;
-  } else if (const passwd* entry = getpwuid(getuid());
+  } else if (const passwd* entry = getpwuid(getuid());  // NOLINT(concurrency-mt-unsafe)
              entry != nullptr && entry->pw_dir != nullptr) {
     home = entry->pw_dir;
   } else {

@@ -122,19 +122,20 @@ void DeviceStorageDisclosureViewController::load() {
     show(std::nullopt);
     return;
   }
-  client->send(std::move(request), [self = weak_from_this()](std::optional<Bytes> data,
-                                                             std::optional<HttpResponse> response,
-                                                             std::optional<HttpError> error) {
-    std::optional<std::string> text;
-    if (!error && data && response && response->status >= 200 && response->status < 300) {
-      text.emplace(data->begin(), data->end());
-    }
-    Platform::current().mainQueue->post([self, text = std::move(text)]() mutable {
-      if (const auto screen = self.lock()) {
-        static_cast<DeviceStorageDisclosureViewController&>(*screen).show(std::move(text));
-      }
-    });
-  });
+  client->send(
+      std::move(request),
+      [self = weak_from_this()](std::optional<Bytes> data, std::optional<HttpResponse> response,
+                                const std::optional<HttpError>& error) {
+        std::optional<std::string> text;
+        if (!error && data && response && response->status >= 200 && response->status < 300) {
+          text.emplace(data->begin(), data->end());
+        }
+        Platform::current().mainQueue->post([self, text = std::move(text)]() mutable {
+          if (const auto screen = self.lock()) {
+            static_cast<DeviceStorageDisclosureViewController&>(*screen).show(std::move(text));
+          }
+        });
+      });
 }
 
 void DeviceStorageDisclosureViewController::show(std::optional<std::string> text) {

@@ -17,11 +17,15 @@ void ScreenHost::present(std::shared_ptr<Screen> screen, Presentation presentati
     screen->host_ = weak_from_this();
     stack_.push_back(Entry{screen, presentation});
   }
-  update(Update{Update::Kind::presented, screen, presentation});
-  if (completion) completion();
+  update(Update{Update::Kind::presented, std::move(screen), presentation});
+  // Kept here: the completion may belong to a screen that the drawing side lets go of.
+  const std::function<void()> done = std::move(completion);
+  if (done) done();
 }
 
 void ScreenHost::dismiss(const Screen& screen, bool animated, std::function<void()> completion) {
+  // Kept here: the completion may belong to a screen that this dismisses.
+  const std::function<void()> done = std::move(completion);
   std::vector<Entry> removed;
   {
     std::lock_guard lock(mutex_);
@@ -30,17 +34,17 @@ void ScreenHost::dismiss(const Screen& screen, bool animated, std::function<void
     removed.assign(std::make_move_iterator(found), std::make_move_iterator(stack_.end()));
     stack_.erase(found, stack_.end());
   }
-  for (auto entry = removed.rbegin(); entry != removed.rend(); ++entry) {
-    entry->screen->host_.reset();
-    update(
-        Update{Update::Kind::dismissed, entry->screen,
-               Presentation{entry->presentation.style, entry->presentation.transition, animated}});
+  std::reverse(removed.begin(), removed.end());  // the top screen goes first
+  for (const Entry& entry : removed) {
+    entry.screen->host_.reset();
+    update(Update{Update::Kind::dismissed, entry.screen,
+                  Presentation{entry.presentation.style, entry.presentation.transition, animated}});
   }
-  for (auto entry = removed.rbegin(); entry != removed.rend(); ++entry) {
-    entry->screen->didDismiss();
-    if (entry->screen->onDismissed) entry->screen->onDismissed();
+  for (const Entry& entry : removed) {
+    entry.screen->didDismiss();
+    if (entry.screen->onDismissed) entry.screen->onDismissed();
   }
-  if (completion) completion();
+  if (done) done();
 }
 
 void ScreenHost::screenChanged(const Screen& screen) {

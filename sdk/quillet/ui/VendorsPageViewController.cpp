@@ -40,12 +40,14 @@ std::string VendorsPageViewController::html() const {
     }
     out += "<div class=\"qlt-row\" data-cell=\"";
     out += kCellIdentifier;
-    out += "\" id=\"vendor-row-" + id +
-           "\"><div class=\"qlt-row-text\"><div class=\"qlt-row-title\">" + name +
-           "</div><a class=\"qlt-link\" id=\"vendor-details-" + std::to_string(index) +
-           "\" href=\"" + ScreenEvent::link("vendor-details", {static_cast<std::int64_t>(index)}) +
-           "\" aria-label=\"Details: " + name + "\">" + std::to_string(shown) +
-           (shown == 1 ? " purpose" : " purposes") + " · Details</a></div>";
+    out.append("\" id=\"vendor-row-").append(id);
+    out.append("\"><div class=\"qlt-row-text\"><div class=\"qlt-row-title\">").append(name);
+    out.append("</div><a class=\"qlt-link\" id=\"vendor-details-").append(std::to_string(index));
+    out.append("\" href=\"")
+        .append(ScreenEvent::link("vendor-details", {static_cast<std::int64_t>(index)}));
+    out.append("\" aria-label=\"Details: ").append(name).append("\">");
+    out.append(std::to_string(shown)).append(shown == 1 ? " purpose" : " purposes");
+    out.append(" · Details</a></div>");
     out += toggle.html("vendor-" + id, ScreenEvent::link("vendor", {vendor.id()}),
                        "Consent: " + vendor.name());
     out += "</div>";
