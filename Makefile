@@ -14,7 +14,8 @@ build: deps
 	cmake --build --preset release -j $(JOBS)
 
 # Release, AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer builds, every test
-# in each.
+# in each (the soak tests not under ThreadSanitizer); then the API reference and clang-tidy, both
+# failing on any warning.
 test: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
@@ -26,6 +27,7 @@ test: deps
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS)
 	$(MAKE) --no-print-directory docs
+	./scripts/lint
 
 tsan: deps
 	cmake --preset tsan

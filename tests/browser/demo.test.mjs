@@ -48,23 +48,26 @@ async function showing(page, kind) {
   return page.frameLocator(`.layer[data-screen="${kind}"] iframe`);
 }
 
-// Clicks a link in the top screen's document and waits for the document to come back. A click
-// that lands while the document is being replaced reaches no document; the host page counts the
-// taps it hands on, so such a click is told apart and made again.
-async function tapIn(page, kind, selector) {
+// Clicks a link in a screen's document. A click that lands while the document is being replaced
+// reaches no document; the host page counts the taps it hands on, so such a click is told apart
+// and made again. Gives the screen's loaded document version at the handled click.
+async function tap(page, kind, selector) {
   const layer = page.locator(`.layer[data-screen="${kind}"]`);
-  const taps = () => page.evaluate(() => Number(document.body.dataset.taps || 0));
-  let before;
   for (let attempt = 0; ; ++attempt) {
-    before = await layer.getAttribute('data-loaded');
-    const handed = await taps();
+    const before = await layer.getAttribute('data-loaded');
+    const handed = await page.evaluate(() => Number(document.body.dataset.taps || 0));
     await page.frameLocator(`.layer[data-screen="${kind}"] iframe`).locator(selector).click();
     const taken = await page
       .waitForFunction((n) => Number(document.body.dataset.taps || 0) > n, handed, { timeout: 2000 })
       .then(() => true, () => false);
-    if (taken) break;
+    if (taken) return before;
     assert.ok(attempt < 3, `${kind} ${selector}: no tap reached the host page`);
   }
+}
+
+// Taps a link in the top screen's document and waits for the document to come back.
+async function tapIn(page, kind, selector) {
+  const before = await tap(page, kind, selector);
   // The document the host last asked for has loaded, and it is not the one tapped in.
   await page.waitForFunction(([k, b]) => {
     const el = document.querySelector(`.layer[data-screen="${k}"]`);
@@ -143,7 +146,7 @@ test('customised choices are posted as switched; --manage shows them again', { t
   // Vendor 8's details: one legitimate-interest purpose off keeps the master on; the master off
   // switches them all off.
   const index = await second.locator('#vendor-row-8 a.qlt-link').getAttribute('id');
-  await second.locator(`#${index}`).click();
+  await tap(page, 'secondLayer', `#${index}`);
   const details = await showing(page, 'vendorDetails');
   await tapIn(page, 'vendorDetails', '#li-fold');
   await tapIn(page, 'vendorDetails', '#li-7');
@@ -153,7 +156,7 @@ test('customised choices are posted as switched; --manage shows them again', { t
   await expectAttribute(page, 'vendorDetails', '#li-2', 'aria-checked', 'false');
   await tapIn(page, 'vendorDetails', '#close');
   await showing(page, 'secondLayer');
-  await page.frameLocator('.layer[data-screen="secondLayer"] iframe').locator('#save').click();
+  await tap(page, 'secondLayer', '#save');
   const customized = await demo.waitFor(/v1\/consent \{"tcString":"([^"]+)".*"eventType":"customized"/);
   const text = customized[1];
   const model = TCString.decode(text);
@@ -169,11 +172,11 @@ test('customised choices are posted as switched; --manage shows them again', { t
 
   demo = await Demo.start(['--state', state, '--manage']);
   const manage = await openHost(demo, 'secondLayer');
-  const layer = await showing(manage, 'secondLayer');
+  await showing(manage, 'secondLayer');
   await expectAttribute(manage, 'secondLayer', '#purpose-consent-1', 'aria-checked', 'true');
   await expectAttribute(manage, 'secondLayer', '#purpose-consent-3', 'aria-checked', 'true');
   await expectAttribute(manage, 'secondLayer', '#purpose-consent-2', 'aria-checked', 'false');
-  await layer.locator('#reject-all').click();
+  await tap(manage, 'secondLayer', '#reject-all');
   await demo.waitFor(/"eventType":"rejected"/);
   await manage.waitForSelector('body[data-top="none"]');
   await manage.close();
@@ -201,7 +204,7 @@ test('a vendor\'s device storage disclosure opens from its details', { timeout: 
   await page.click('button[data-action="onCustomize"]');
   await showing(page, 'secondLayer');
   await tapIn(page, 'secondLayer', '#segment-1');
-  await page.frameLocator('.layer[data-screen="secondLayer"] iframe').locator('#vendor-details-0').click();
+  await tap(page, 'secondLayer', '#vendor-details-0');
   const details = await showing(page, 'vendorDetails');
   // The privacy policy is opened outside the screens, in a new tab.
   const policy = await details.locator('#policy').getAttribute('href');
@@ -209,13 +212,13 @@ test('a vendor\'s device storage disclosure opens from its details', { timeout: 
     route.fulfill({ body: 'a privacy policy', contentType: 'text/plain' }));
   const [opened] = await Promise.all([
     browser.context.waitForEvent('page'),
-    details.locator('#policy').click(),
+    tap(page, 'vendorDetails', '#policy'),
   ]);
   await opened.waitForLoadState();
   assert.equal(opened.url(), policy);
   await opened.close();
   await browser.context.unrouteAll();
-  await details.locator('#disclosure').click();
+  await tap(page, 'vendorDetails', '#disclosure');
   const disclosure = await showing(page, 'disclosure');
   await disclosure.locator('text=/Storage Entries|Domains|No Data/').first().waitFor();
   await page.screenshot({ path: join(artifacts, 'demo-disclosure.png') });
