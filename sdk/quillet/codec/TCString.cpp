@@ -47,9 +47,10 @@ class SegmentBits {
     }
     text.remove_suffix(padding);
     bitCount_ = static_cast<std::int64_t>(text.size()) * 6;
-    // Three bytes per four characters, plus zeroed slack so that loads of 8 bytes past any bit
-    // in range stay inside the buffer.
-    const std::size_t size = (text.size() + 3) / 4 * 3 + kSlack;
+    // Three bytes per four characters, three more for the closing group (always written, even
+    // when no characters are left for it), plus zeroed slack so that loads of 8 bytes past any
+    // bit in range stay inside the buffer.
+    const std::size_t size = text.size() / 4 * 3 + 3 + kSlack;
     if (size <= local_.size()) {
       bytes_ = local_.data();
     } else {
