@@ -17,13 +17,10 @@
 #include "quillet/model/VendorList.h"
 #include "quillet/network/HttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
-#include "quillet/state/PendingConsentStore.h"
-#include "quillet/state/PurposeConsentStore.h"
-#include "quillet/state/SpecialFeatureConsentStore.h"
-#include "quillet/state/VendorConsentStore.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 
 #include "FuzzInput.h"
+#include "support/ConsentStores.h"
 
 namespace {
 
@@ -97,15 +94,6 @@ bool repeatsLegitimateInterest(std::string_view gvlText) {
   return false;
 }
 
-void emptyConsentStores() {
-  PurposeConsentStore::shared().replaceStates({});
-  VendorConsentStore::shared().replaceStates({});
-  SpecialFeatureConsentStore::shared().replaceMasterStates({});
-  SpecialFeatureConsentStore::shared().replaceVendorStates({});
-  PendingConsentStore::shared().reset({}, {}, {});
-  PendingConsentStore::shared().setLiPurposeConsent({});
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -118,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                      .httpClient = client,
                      .endpoints = Endpoints{"https://cdn.test/", "https://api.test"}});
   QLTAPIServer::clearCache();
-  emptyConsentStores();
+  testing::emptyConsentStores();
 
   const auto facade = QuilletCMP::create();
   std::promise<void> started;

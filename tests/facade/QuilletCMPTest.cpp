@@ -24,6 +24,7 @@
 
 #include "SmallVendorList.h"
 #include "support/ChildProcess.h"
+#include "support/ConsentStores.h"
 #include "support/RecordingLogSink.h"
 #include "support/RecordingScreenHost.h"
 #include "support/TempDirectory.h"
@@ -34,10 +35,10 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using testing::Reply;
+using ::testing::UnorderedElementsAre;
 using namespace std::chrono_literals;
 using Signals = std::map<std::string, std::string>;
 
@@ -70,11 +71,7 @@ class QuilletCMPTest : public ::testing::Test {
                        .clock = clock_,
                        .locale = std::make_shared<FixedLocale>("fr_FR")});
     QLTAPIServer::clearCache();
-    PurposeConsentStore::shared().replaceStates({});
-    VendorConsentStore::shared().replaceStates({});
-    SpecialFeatureConsentStore::shared().replaceMasterStates({});
-    SpecialFeatureConsentStore::shared().replaceVendorStates({});
-    PendingConsentStore::shared().reset({}, {}, {});
+    testing::emptyConsentStores();
     QltLog::setSink(log_);
     QltLog::setEnabled(true);
   }

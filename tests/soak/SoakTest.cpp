@@ -27,6 +27,7 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 
 #include "facade/SmallVendorList.h"
+#include "support/ConsentStores.h"
 #include "support/TempDirectory.h"
 #include "support/TestServer.h"
 
@@ -78,11 +79,7 @@ class SoakTest : public ::testing::Test {
                        .httpClient = std::make_shared<CurlHttpClient>(),
                        .endpoints = Endpoints{server_.cdnBase(), server_.apiBase()}});
     QLTAPIServer::clearCache();
-    PurposeConsentStore::shared().replaceStates({});
-    VendorConsentStore::shared().replaceStates({});
-    SpecialFeatureConsentStore::shared().replaceMasterStates({});
-    SpecialFeatureConsentStore::shared().replaceVendorStates({});
-    PendingConsentStore::shared().reset({}, {}, {});
+    testing::emptyConsentStores();
   }
   void TearDown() override {
     Platform::install({});

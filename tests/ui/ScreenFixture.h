@@ -21,6 +21,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/ui/CMPBannerViewController.h"
 
+#include "support/ConsentStores.h"
 #include "support/RecordingScreenHost.h"
 #include "support/ScreenData.h"
 
@@ -56,12 +57,7 @@ class ScreenFixture : public ::testing::Test {
                        .httpClient = http_,
                        .mainQueue = main_,
                        .screenHost = host_});
-    PurposeConsentStore::shared().replaceStates({});
-    VendorConsentStore::shared().replaceStates({});
-    SpecialFeatureConsentStore::shared().replaceMasterStates({});
-    SpecialFeatureConsentStore::shared().replaceVendorStates({});
-    PendingConsentStore::shared().reset({}, {}, {});
-    PendingConsentStore::shared().setLiPurposeConsent({});
+    testing::emptyConsentStores();
   }
   void TearDown() override { Platform::install({}); }
 
