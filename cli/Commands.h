@@ -25,14 +25,14 @@ struct DemoOptions {
   int port = 8765;    ///< of the web host; 0 for a free one
   std::string state;  ///< folder of the consent store; empty: under $XDG_STATE_HOME
   std::string settingsId = "demo";
-  bool reset = false;    ///< forget the stored consent first
-  bool manage = false;   ///< open the second layer once start-up is done
-  std::string config;    ///< banner configuration file; empty: the bundled sample
-  std::string gvl;       ///< vendor list file; empty: the bundled one
-  std::string cdn;       ///< a real configuration CDN instead of the embedded one
-  std::string api;       ///< a real consent API instead of the embedded one
-  std::string testdata;  ///< where the bundled files are
-  bool log = false;      ///< the library's log lines on standard error
+  bool reset = false;   ///< forget the stored consent first
+  bool manage = false;  ///< open the second layer once start-up is done
+  std::string config;   ///< banner configuration file; empty: the bundled sample
+  std::string gvl;      ///< vendor list file; empty: the bundled one
+  std::string cdn;      ///< a real configuration CDN instead of the embedded one
+  std::string api;      ///< a real consent API instead of the embedded one
+  std::string data;     ///< folder of the bundled configuration, vendor list and disclosures
+  bool log = false;     ///< the library's log lines on standard error
 };
 
 /// Serves the consent screens in a browser until SIGINT or SIGTERM, with an embedded

@@ -102,7 +102,7 @@ std::string localVendorList(const std::string& text, const std::string& cdnBase,
 class DemoServer {
  public:
   DemoServer(std::string settingsId, std::string config, const std::string& vendorList,
-             const fs::path& testdata, Printer& printer)
+             const fs::path& data, Printer& printer)
       : settingsId_(std::move(settingsId)), printer_(printer) {
     port_ = server_.bind_to_any_port("127.0.0.1");
     const std::vector<std::string> disclosures = {"dsd-cavai-empty.json", "dsd-tangoo.json",
@@ -119,8 +119,8 @@ class DemoServer {
       r.set_content(vendorList_, "application/octet-stream");
     });
     server_.Get(R"(/cdn/dsd/(dsd-[a-z-]+\.json))",
-                [testdata](const httplib::Request& request, httplib::Response& r) {
-                  if (const auto text = readFile(testdata / request.matches[1].str())) {
+                [data](const httplib::Request& request, httplib::Response& r) {
+                  if (const auto text = readFile(data / request.matches[1].str())) {
                     r.set_content(*text, "application/json");
                   } else {
                     r.status = 404;
@@ -179,13 +179,15 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  const fs::path testdata = options.testdata;
-  const auto config =
-      readFile(options.config.empty() ? testdata / "banner_config.json" : fs::path(options.config));
-  const auto vendorList =
-      readFile(options.gvl.empty() ? testdata / "gvl-v3-106.json" : fs::path(options.gvl));
+  const fs::path data = options.data;
+  const fs::path configPath =
+      options.config.empty() ? data / "banner_config.json" : fs::path(options.config);
+  const fs::path vendorListPath =
+      options.gvl.empty() ? data / "gvl-v3-106.json" : fs::path(options.gvl);
+  const auto config = readFile(configPath);
+  const auto vendorList = readFile(vendorListPath);
   if (!config || !vendorList) {
-    err << "quillet demo: cannot read the configuration or the vendor list\n";
+    err << "quillet demo: cannot read " << (config ? vendorListPath : configPath).string() << '\n';
     return 1;
   }
   const fs::path state = options.state.empty() ? defaultState() : fs::path(options.state);
@@ -199,7 +201,7 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
 
   QltLog::setEnabled(options.log);
   Printer printer(out);
-  DemoServer server(options.settingsId, *config, *vendorList, testdata, printer);
+  DemoServer server(options.settingsId, *config, *vendorList, data, printer);
   const auto mainQueue = std::make_shared<RunLoop>();
   const auto host = WebScreenHost::start(mainQueue, "127.0.0.1", options.port);
   if (!host) {

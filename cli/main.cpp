@@ -1,5 +1,6 @@
 // The quillet command: reads and writes TC Strings, and shows the consent screens.
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -12,6 +13,16 @@
 namespace {
 
 constexpr int kUsageError = 2;
+
+// The demo's bundled files are at a fixed place relative to this program, in the build tree as
+// once installed.
+std::string demoDataFolder() {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path self = fs::read_symlink("/proc/self/exe", error);
+  const fs::path folder = error ? fs::path(".") : self.parent_path();
+  return (folder / QUILLET_DEMO_DATA_FROM_BIN).lexically_normal().string();
+}
 
 }  // namespace
 
@@ -37,7 +48,7 @@ int main(int argc, char** argv) {
       ->option_text("FILE");
 
   quillet::cli::DemoOptions demoOptions;
-  demoOptions.testdata = QUILLET_TESTDATA_DIR;
+  demoOptions.data = demoDataFolder();
   CLI::App* demo = app.add_subcommand(
       "demo", "Show the consent screens in a browser, with an embedded CDN and consent API");
   demo->add_option("--port", demoOptions.port, "Port of the web host (0: any free port)")
