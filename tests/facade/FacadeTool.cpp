@@ -8,6 +8,7 @@
 // what happened, one fact per line: "banner presented", "consent mode: k=v ...",
 // "TCString already present → ..." (from the log), "completion", "stored: <TC String>".
 
+#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -21,6 +22,7 @@
 #include "quillet/core/Platform.h"
 #include "quillet/core/QltLog.h"
 #include "quillet/core/QuilletCMP.h"
+#include "quillet/network/CurlHttpClient.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 #include "quillet/ui/CMPBannerViewController.h"
@@ -71,6 +73,37 @@ class PrintingLog final : public LogSink {
     const auto at = line.find("TCString already present");
     if (at != std::string_view::npos) std::printf("%s\n", std::string(line.substr(at)).c_str());
   }
+};
+
+// A CurlHttpClient that can wait for its requests, so that the fire-and-forget posts made during
+// start-up reach the server before the process ends.
+class WaitableHttpClient final : public HttpClient {
+ public:
+  void send(HttpRequest request, HttpCompletion completion) override {
+    {
+      const std::lock_guard lock(mutex_);
+      ++inFlight_;
+    }
+    client_.send(std::move(request),
+                 [this, completion = std::move(completion)](auto data, auto response, auto error) {
+                   if (completion)
+                     completion(std::move(data), std::move(response), std::move(error));
+                   const std::lock_guard lock(mutex_);
+                   --inFlight_;
+                   idle_.notify_all();
+                 });
+  }
+
+  bool waitUntilIdle(std::chrono::seconds limit) {
+    std::unique_lock lock(mutex_);
+    return idle_.wait_for(lock, limit, [this] { return inFlight_ == 0; });
+  }
+
+ private:
+  CurlHttpClient client_;
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  int inFlight_ = 0;
 };
 
 std::string fileText(const char* path) {
@@ -131,7 +164,9 @@ int main(int argc, char** argv) {
   auto analytics = std::make_shared<AnalyticsRegistry>();
   analytics->registerClass("FIRAnalytics", std::make_shared<PrintingAnalytics>());
   const auto store = std::move(opened).value();
+  const auto http = std::make_shared<WaitableHttpClient>();
   Platform::install({.keyValueStore = store,
+                     .httpClient = http,
                      .endpoints = Endpoints{cdn, api},
                      .mainQueue = main,
                      .screenHost = std::make_shared<PrintingHost>(answer),
@@ -145,6 +180,7 @@ int main(int argc, char** argv) {
     main->stop();
   });
   main->runFor(std::chrono::seconds(20));
+  if (!http->waitUntilIdle(std::chrono::seconds(20))) std::printf("requests still in flight\n");
   if (const auto stored = store->readString(StorageKeys::tcString)) {
     std::printf("stored: %s\n", stored->c_str());
   }
