@@ -1,6 +1,7 @@
 # What `cmake --install` puts in place: headers, the static and the shared library, the quillet
-# command with the files its demo serves, a CMake package (find_package(QuilletSDK), targets
-# QuilletSDK::sdk and QuilletSDK::sdk_static) and a pkg-config file (quillet.pc).
+# command, a CMake package (find_package(QuilletSDK), targets QuilletSDK::sdk and
+# QuilletSDK::sdk_static) and a pkg-config file (quillet.pc). The files the command's demo serves
+# are installed by cli/.
 include(CMakePackageConfigHelpers)
 
 set(QUILLET_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QuilletSDK)
@@ -28,5 +29,4 @@ install(FILES ${PROJECT_BINARY_DIR}/quillet.pc DESTINATION ${CMAKE_INSTALL_LIBDI
 
 if(TARGET quillet)
   install(TARGETS quillet RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(FILES ${QUILLET_DEMO_DATA_FILES} DESTINATION ${QUILLET_DEMO_DATA_DIR})
 endif()
