@@ -1,8 +1,10 @@
 #pragma once
 
 #include <istream>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quillet::cli {
@@ -17,9 +19,24 @@ struct DecodeOptions {
 /// Returns the exit status: 0 when every string was read, else 1.
 int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out, std::ostream& err);
 
+struct EncodeOptions {
+  std::string input;    ///< file of the JSON object; empty: standard input
+  bool strict = false;  ///< refuse values the encoder would drop, clip or misplace
+};
+
 /// Reads one JSON object of encoder parameters from `in` and prints the TC String to `out`.
-/// Returns the exit status: 0 on success, 1 (with a message on `err`) for refused input.
-int runEncode(std::istream& in, std::ostream& out, std::ostream& err);
+/// Values that the encoder would silently drop, clip to their field or write out of place are
+/// named on `err` as warnings, or refused under `strict`. Returns the exit status: 0 on success,
+/// 1 (with a message on `err`) for refused or unreadable input.
+int runEncode(const EncodeOptions& options, std::istream& in, std::ostream& out, std::ostream& err);
+
+/// Whether `in` reads standard input and reading it failed (the standard input stream reports a
+/// read error, such as reading a folder, as an end).
+bool failedStandardInput(const std::istream& in);
+
+/// The whole of `in`, or absent after "quillet COMMAND: cannot read NAME: REASON" on `err`.
+std::optional<std::string> readAll(std::istream& in, std::string_view command,
+                                   std::string_view name, std::ostream& err);
 
 struct DemoOptions {
   int port = 8765;    ///< of the web host; 0 for a free one
@@ -32,7 +49,7 @@ struct DemoOptions {
   std::string cdn;      ///< a real configuration CDN instead of the embedded one
   std::string api;      ///< a real consent API instead of the embedded one
   std::string data;     ///< folder of the bundled configuration, vendor list and disclosures
-  bool log = false;     ///< the library's log lines on standard error
+  bool log = false;     ///< every line of the library's log, not only warnings and errors
 };
 
 /// Serves the consent screens in a browser until SIGINT or SIGTERM, with an embedded

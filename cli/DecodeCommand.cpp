@@ -1,5 +1,9 @@
 #include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <iostream>
 #include <string_view>
 
 #include <boost/json/array.hpp>
@@ -125,6 +129,10 @@ bool decodeOne(std::string_view text, const DecodeOptions& options, std::ostream
 
 }  // namespace
 
+bool failedStandardInput(const std::istream& in) {
+  return in.rdbuf() == std::cin.rdbuf() && std::ferror(stdin) != 0;
+}
+
 int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
               std::ostream& err) {
   bool allRead = true;
@@ -134,10 +142,18 @@ int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
     }
   } else {
     std::string line;
-    while (std::getline(in, line)) {
-      const std::string_view text = trimmed(line);
-      if (text.empty()) continue;
-      allRead = decodeOne(text, options, out, err) && allRead;
+    try {
+      while (std::getline(in, line)) {
+        const std::string_view text = trimmed(line);
+        if (text.empty()) continue;
+        allRead = decodeOne(text, options, out, err) && allRead;
+      }
+    } catch (const std::exception&) {  // the stream library reports read errors this way
+      in.setstate(std::ios::badbit);
+    }
+    if (in.bad() || failedStandardInput(in)) {
+      err << "quillet decode: cannot read standard input: " << std::strerror(errno) << '\n';
+      allRead = false;
     }
   }
   out.flush();

@@ -1,6 +1,12 @@
+#include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
 #include <string_view>
 
 #include <boost/json/value.hpp>
@@ -142,11 +148,117 @@ std::optional<EncodeRequest> readRequest(const boost::json::object& object,
   return request;
 }
 
+std::string listed(const std::vector<std::int64_t>& ids) {
+  std::string out;
+  for (const auto id : ids)
+    out += (out.empty() ? "" : ", ") + std::to_string(id);
+  return out;
+}
+
+// What the encoder would do with the request without a word: ids it drops, values it cuts to
+// their field, and codes that move every later field.
+std::vector<std::string> warningsFor(const EncodeRequest& request) {
+  const auto& in = request.input;
+  std::vector<std::string> warnings;
+  const std::int64_t maxVendorId =
+      *std::max_element(in.gvlVendorIds.begin(), in.gvlVendorIds.end());
+  const std::set<std::int64_t> vendorList(in.gvlVendorIds.begin(), in.gvlVendorIds.end());
+  const auto ids = [&](std::string_view name, const std::vector<std::int64_t>& list,
+                       std::int64_t last, bool vendors) {
+    std::vector<std::int64_t> outside;
+    std::vector<std::int64_t> unlisted;
+    for (const auto id : list) {
+      if (id < 1 || id > last) {
+        outside.push_back(id);
+      } else if (vendors && !vendorList.contains(id)) {
+        unlisted.push_back(id);
+      }
+    }
+    if (!outside.empty()) {
+      warnings.push_back(std::string(name) + " holds " + listed(outside) + ", outside 1 to " +
+                         std::to_string(last) + ": not written");
+    }
+    if (!unlisted.empty()) {
+      warnings.push_back(std::string(name) + " holds " + listed(unlisted) +
+                         ", not in gvlVendorIds: written all the same");
+    }
+  };
+  ids("purposeConsents", in.purposeConsents, 24, false);
+  ids("purposeLegitimateInterests", in.purposeLegitimateInterests, 24, false);
+  ids("specialFeatureOptins", in.specialFeatureOptins, 12, false);
+  ids("vendorConsents", in.vendorConsents, maxVendorId, true);
+  ids("vendorLegitimateInterests", in.vendorLegitimateInterests, maxVendorId, true);
+  if (request.disclosedVendors)
+    ids("disclosedVendors", *request.disclosedVendors, maxVendorId, true);
+
+  const auto width = [&](std::string_view name, std::int64_t value, int bits) {
+    const std::int64_t limit = std::int64_t{1} << bits;
+    if (value >= limit) {
+      warnings.push_back(std::string(name) + " " + std::to_string(value) + " does not fit in " +
+                         std::to_string(bits) + " bits: " + std::to_string(value % limit) +
+                         " is written");
+    }
+  };
+  width("cmpId", in.cmpId, 12);
+  width("cmpVersion", in.cmpVersion, 12);
+  width("consentScreen", in.consentScreen, 6);
+  width("vendorListVersion", in.vendorListVersion, 12);
+  width("policyVersion", in.policyVersion, 6);
+
+  const auto code = [&](std::string_view name, const std::string& text) {
+    const bool asciiLetters = std::all_of(text.begin(), text.end(), [](char c) {
+      return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    });
+    if (asciiLetters && text.size() == 2) return;
+    const std::string what = std::string(name) + " \"" + text + "\" is not two letters A to Z: ";
+    if (asciiLetters && text.size() > 2) {
+      std::string written = text.substr(0, 2);
+      for (auto& c : written)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      warnings.push_back(what + "only \"" + written + "\" is written");
+    } else {
+      warnings.push_back(what + "every field after it moves out of place");
+    }
+  };
+  code("consentLanguage", in.consentLanguage);
+  code("publisherCC", in.publisherCC);
+  return warnings;
+}
+
 }  // namespace
 
-int runEncode(std::istream& in, std::ostream& out, std::ostream& err) {
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const std::optional<boost::json::value> document = Json::parse(text);
+std::optional<std::string> readAll(std::istream& in, std::string_view command,
+                                   std::string_view name, std::ostream& err) {
+  try {
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in.bad() && !failedStandardInput(in)) return text;
+  } catch (const std::exception&) {  // a file stream reports read errors this way
+  }
+  err << "quillet " << command << ": cannot read " << name << ": " << std::strerror(errno) << '\n';
+  return std::nullopt;
+}
+
+int runEncode(const EncodeOptions& options, std::istream& in, std::ostream& out,
+              std::ostream& err) {
+  std::optional<std::string> text;
+  if (options.input.empty()) {
+    text = readAll(in, "encode", "standard input", err);
+  } else {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(options.input, ignored)) {
+      err << "quillet encode: cannot read " << options.input << ": it is a folder\n";
+      return 1;
+    }
+    std::ifstream file(options.input, std::ios::binary);
+    if (!file) {
+      err << "quillet encode: cannot open " << options.input << ": " << std::strerror(errno)
+          << '\n';
+      return 1;
+    }
+    text = readAll(file, "encode", options.input, err);
+  }
+  if (!text) return 1;
+  const std::optional<boost::json::value> document = Json::parse(*text);
   if (!document) {
     err << "quillet encode: the input is not JSON\n";
     return 1;
@@ -161,6 +273,10 @@ int runEncode(std::istream& in, std::ostream& out, std::ostream& err) {
     err << "quillet encode: " << refusal->message << '\n';
     return 1;
   }
+  const auto warnings = warningsFor(*request);
+  for (const auto& warning : warnings)
+    err << "quillet encode: " << (options.strict ? "" : "warning: ") << warning << '\n';
+  if (options.strict && !warnings.empty()) return 1;
   std::string tcString;
   if (request->created) {
     const FixedClock clock(std::chrono::system_clock::time_point(

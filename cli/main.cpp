@@ -1,7 +1,6 @@
 // The quillet command: reads and writes TC Strings, and shows the consent screens.
 
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -40,19 +39,24 @@ int main(int argc, char** argv) {
   decode->add_option("TCSTRING", decodeOptions.strings,
                      "TC Strings to read; without any, one per line from standard input");
 
-  std::string inputPath;
+  quillet::cli::EncodeOptions encodeOptions;
   CLI::App* encode =
       app.add_subcommand("encode", "Write a TC String from a JSON object of encoder parameters");
   encode
-      ->add_option("--input", inputPath, "Read the JSON object from FILE instead of standard input")
+      ->add_option("--input", encodeOptions.input,
+                   "Read the JSON object from FILE instead of standard input")
       ->option_text("FILE");
+  encode->add_flag("--strict", encodeOptions.strict,
+                   "Refuse values the encoder would drop, cut to their field or write out of "
+                   "place (named as warnings otherwise)");
 
   quillet::cli::DemoOptions demoOptions;
   demoOptions.data = demoDataFolder();
   CLI::App* demo = app.add_subcommand(
       "demo", "Show the consent screens in a browser, with an embedded CDN and consent API");
   demo->add_option("--port", demoOptions.port, "Port of the web host (0: any free port)")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->check(CLI::Range(0, 65535));
   demo->add_option("--state", demoOptions.state,
                    "Folder of the consent store (default: $XDG_STATE_HOME/quillet-demo)");
   demo->add_option("--settings-id", demoOptions.settingsId, "Publisher settings id")
@@ -65,9 +69,22 @@ int main(int argc, char** argv) {
   demo->add_option("--gvl", demoOptions.gvl, "Vendor list file")->option_text("FILE");
   demo->add_option("--cdn", demoOptions.cdn, "A real configuration CDN (ending in /)")
       ->option_text("URL");
-  demo->add_flag("--log", demoOptions.log, "Write the library's log lines to standard error");
+  demo->add_flag("--log", demoOptions.log,
+                 "Print every line of the library's log (its warnings and errors always are)");
   demo->add_option("--api", demoOptions.api, "A real consent API")->option_text("URL");
 
+  // A first word that is neither an option nor a command is named, with the commands there are.
+  const auto known = [&](const char* word) {
+    for (const CLI::App* command : {decode, encode, demo}) {
+      if (command->check_name(word)) return true;
+    }
+    return false;
+  };
+  if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
+    std::cerr << "quillet: unknown command \"" << argv[1]
+              << "\"; the commands are decode, encode and demo (--help)\n";
+    return kUsageError;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -79,11 +96,5 @@ int main(int argc, char** argv) {
   if (decode->parsed()) {
     return quillet::cli::runDecode(decodeOptions, std::cin, std::cout, std::cerr);
   }
-  if (inputPath.empty()) return quillet::cli::runEncode(std::cin, std::cout, std::cerr);
-  std::ifstream file(inputPath, std::ios::binary);
-  if (!file) {
-    std::cerr << "quillet encode: cannot open " << inputPath << '\n';
-    return 1;
-  }
-  return quillet::cli::runEncode(file, std::cout, std::cerr);
+  return quillet::cli::runEncode(encodeOptions, std::cin, std::cout, std::cerr);
 }

@@ -15,6 +15,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 using Outcome = testing::ChildProcess::Result;
 
@@ -192,12 +193,50 @@ TEST(EncodeCommand, RefusesInputThatWouldStopTheEncoder) {
     EXPECT_THAT(run.out, IsEmpty()) << input;
     EXPECT_THAT(run.err, HasSubstr(expected)) << input;
   }
-  EXPECT_EQ(quillet({"encode", "--input", "/nonexistent/input.json"}).status, 1);
+  for (const auto& [path, expected] :
+       {std::pair{"/nonexistent/input.json", "cannot open"}, std::pair{"/tmp", "it is a folder"}}) {
+    const Outcome run = quillet({"encode", "--input", path});
+    EXPECT_EQ(run.status, 1) << path;
+    EXPECT_THAT(run.err, HasSubstr(expected)) << path;
+  }
+}
+
+TEST(EncodeCommand, NamesWhatTheEncoderWouldDropOrClipAndRefusesItUnderStrict) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {R"("vendorConsents": [11, 0])", "vendorConsents holds 11, 0, outside 1 to 10: not written"},
+      {R"("vendorLegitimateInterests": [5])",
+       "vendorLegitimateInterests holds 5, not in gvlVendorIds: written all the same"},
+      {R"("disclosedVendors": [12])", "disclosedVendors holds 12, outside 1 to 10"},
+      {R"("purposeConsents": [25])", "purposeConsents holds 25, outside 1 to 24"},
+      {R"("specialFeatureOptins": [13])", "specialFeatureOptins holds 13, outside 1 to 12"},
+      {R"("cmpId": 5000)", "cmpId 5000 does not fit in 12 bits: 904 is written"},
+      {R"("policyVersion": 64)", "policyVersion 64 does not fit in 6 bits: 0 is written"},
+      {R"("consentLanguage": "eng")",
+       R"(consentLanguage "eng" is not two letters A to Z: only "EN" is written)"},
+      {R"("publisherCC": "d")",
+       R"(publisherCC "d" is not two letters A to Z: every field after it moves out of place)"},
+  };
+  for (const auto& [member, expected] : cases) {
+    const std::string input = R"({"gvlVendorIds": [10, 3], )" + member + "}";
+    const Outcome warned = quillet({"encode"}, input);
+    EXPECT_EQ(warned.status, 0) << input;
+    EXPECT_THAT(warned.out, Not(IsEmpty())) << input;
+    EXPECT_THAT(warned.err, HasSubstr("quillet encode: warning: " + expected)) << input;
+    const Outcome strict = quillet({"encode", "--strict"}, input);
+    EXPECT_EQ(strict.status, 1) << input;
+    EXPECT_THAT(strict.out, IsEmpty()) << input;
+    EXPECT_THAT(strict.err, HasSubstr(expected)) << input;
+  }
+  EXPECT_THAT(
+      quillet({"encode", "--strict"}, R"({"gvlVendorIds": [3], "vendorConsents": [3]})").err,
+      IsEmpty());
 }
 
 TEST(Command, UsageErrorsHelpAndVersion) {
   EXPECT_EQ(quillet({}).status, 2);
-  EXPECT_EQ(quillet({"transcode"}).status, 2);
+  const Outcome unknown = quillet({"transcode"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, HasSubstr("unknown command \"transcode\""));
   EXPECT_EQ(quillet({"decode", "--bogus"}).status, 2);
   EXPECT_EQ(quillet({"encode", "--input"}).status, 2);
   for (const auto& args : std::vector<std::vector<std::string>>{
