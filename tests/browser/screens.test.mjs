@@ -73,14 +73,14 @@ test('switches look as specified: knob offset, track colour, opacity and a 0.18 
   });
   const essential = await look('essential');
   assert.deepEqual([essential.left, essential.track, essential.opacity, essential.checked, essential.href],
-    ['25px', 'rgba(0, 122, 255, 0.2)', '0.8', 'true', null]);
+    ['25px', 'rgba(0, 64, 221, 0.2)', '0.8', 'true', null]);
   const off = await look('purpose-consent-1');
   assert.deepEqual([off.left, off.track, off.opacity, off.checked],
-    ['2px', 'rgb(209, 209, 214)', '1', 'false']);
+    ['2px', 'rgb(142, 142, 147)', '1', 'false']);
   // Purpose 2 was tapped just before rendering: its knob slides from 2 px to 25 px.
   const sliding = await look('purpose-consent-2');
   assert.equal(sliding.transition, '0.18s');
-  assert.equal(sliding.track, 'rgb(0, 122, 255)');
+  assert.equal(sliding.track, 'rgb(0, 64, 221)');
   await page.waitForFunction(() =>
     getComputedStyle(document.querySelector('#purpose-consent-2 .qlt-knob')).left === '25px');
   await page.screenshot({ path: join(artifacts, 'purposes.png'), fullPage: true });

@@ -122,29 +122,6 @@ bool allIn(const std::vector<std::int64_t>& ids, const std::vector<std::int64_t>
   });
 }
 
-// Reads a colour text as the native controls take it: surrounding white space and one "#"
-// removed, then hexadecimal RGB (the digits that scan; none reads as 0).
-std::string nativeColour(std::string_view text) {
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())) != 0)
-    text.remove_prefix(1);
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())) != 0)
-    text.remove_suffix(1);
-  if (text.starts_with('#')) text.remove_prefix(1);
-  std::uint64_t value = 0;
-  for (const char c : text) {
-    if (std::isxdigit(static_cast<unsigned char>(c)) == 0) break;
-    const int digit = std::isdigit(static_cast<unsigned char>(c)) != 0
-                          ? c - '0'
-                          : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
-    value = (value << 4U) | static_cast<std::uint64_t>(digit);
-  }
-  constexpr std::string_view kHex = "0123456789ABCDEF";
-  std::string out = "#";
-  for (const unsigned shift : {20U, 16U, 12U, 8U, 4U, 0U})
-    out += kHex[(value >> shift) & 0xFU];
-  return out;
-}
-
 // Percent-encodes what a URL path may not hold as it is.
 std::string percentEncodedForPath(std::string_view text) {
   constexpr std::string_view kAllowed = "-._~!$&'()*+,;=:@/";
@@ -229,12 +206,28 @@ std::vector<StackPreview> CMPBannerViewController::keptStacks(
   return kept;
 }
 
-std::optional<std::string> CMPBannerViewController::usableBrandColour() const {
+std::string CMPBannerViewController::linkColour() const {
   const auto& colour = content_.config.brandColor();
-  if (!colour) return std::nullopt;
-  if (Html::isCssColour(*colour)) return *colour;
-  QltLog::w(kTag, [&] { return "brandColor is not a CSS colour; using the defaults: " + *colour; });
-  return std::nullopt;
+  if (!colour) return std::string(kDefaultLinkColour);
+  if (Html::isInertCssValue(*colour)) return *colour;
+  QltLog::w(kTag, [&] {
+    return "brandColor cannot be written into the document's style; links take " +
+           std::string(kDefaultLinkColour) + ": " + *colour;
+  });
+  return std::string(kDefaultLinkColour);
+}
+
+std::string CMPBannerViewController::buttonColour() const {
+  const auto& colour = content_.config.brandColor();
+  if (!colour) return std::string(kDefaultButtonColour);
+  const auto read = Html::readRgbColour(*colour);
+  if (!read.exact) {
+    QltLog::w(kTag, [&] {
+      return "brandColor is not six hexadecimal digits; the buttons read it as " + read.hex + ": " +
+             *colour;
+    });
+  }
+  return read.hex;
 }
 
 std::string CMPBannerViewController::customizeAnchor() const {
@@ -244,8 +237,7 @@ std::string CMPBannerViewController::customizeAnchor() const {
 }
 
 std::string CMPBannerViewController::document() const {
-  const auto brand = usableBrandColour();
-  const std::string linkColour = brand.value_or(std::string(kDefaultLinkColour));
+  const std::string linkColour = this->linkColour();
   static const boost::json::object kNoList;
   const auto kept =
       keptStacks(content_.config, content_.gvl ? *content_.gvl : kNoList, content_.rawVendors);
@@ -308,8 +300,7 @@ std::string CMPBannerViewController::document() const {
 
 std::vector<NativeControl> CMPBannerViewController::controls() const {
   const auto& config = content_.config;
-  const std::string buttonColour =
-      nativeColour(usableBrandColour().value_or(std::string(kDefaultButtonColour)));
+  const std::string buttonColour = this->buttonColour();
   std::vector<NativeControl> controls;
   if (config.logoUrl() && Html::isSafeLink(*config.logoUrl()) &&
       schemeStartsWith(*config.logoUrl(), "http")) {
@@ -319,7 +310,8 @@ std::vector<NativeControl> CMPBannerViewController::controls() const {
                       config.acceptButtonText().value_or("Accept All"), buttonColour, ""});
   if (config.showRejectButton()) {
     controls.push_back({NativeControl::Kind::destructiveButton, "onRejectAll",
-                        config.rejectButtonText().value_or("Decline"), "#FF3B30", ""});
+                        config.rejectButtonText().value_or("Decline"),
+                        std::string(Html::kSystemRed), ""});
   }
   if (config.showCustomizeButton()) {
     controls.push_back({NativeControl::Kind::plainButton, "onCustomize",

@@ -65,8 +65,11 @@ class QUILLET_EXPORT CMPBannerViewController final : public Screen, public Secon
   bool didResetPendingConsentStore = false;
 
  private:
-  // The brand colour when it can be used in the document, else absent (and a warning logged).
-  std::optional<std::string> usableBrandColour() const;
+  // Colour C of the document's links: the brand colour as written, unless it could leave the
+  // style it is written into (then the default, and a warning).
+  std::string linkColour() const;
+  // Colour B of the buttons: the brand colour read as hexadecimal RGB, else the default.
+  std::string buttonColour() const;
   std::string customizeAnchor() const;
   void finish();
   // Dismisses the banner; once it is gone, hands `action` to the completion and finishes.

@@ -1,7 +1,6 @@
 #include "quillet/ui/Html.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 
 namespace quillet::Html {
@@ -17,13 +16,9 @@ bool startsWithNoCase(std::string_view text, std::string_view prefix) {
 bool isHexDigit(char c) {
   return std::isxdigit(static_cast<unsigned char>(c)) != 0;
 }
-bool isLetter(char c) {
-  return std::isalpha(static_cast<unsigned char>(c)) != 0;
-}
 
 // The style sheet of every screen but the banner, whose document is fixed text.
 constexpr std::string_view kStyle = R"(
-:root{--accent:#007AFF}
 *{box-sizing:border-box}
 html{-webkit-text-size-adjust:100%}
 body{margin:0;font-family:-apple-system,system-ui,"Segoe UI",Roboto,Arial,sans-serif;font-size:16px;
@@ -50,7 +45,7 @@ a:focus-visible,button:focus-visible,[tabindex]:focus-visible{outline:3px solid 
 .qlt-link{color:var(--accent);font-weight:600;text-decoration:underline;font-size:14.5px}
 .qlt-button{display:inline-block;padding:12px 10px;border-radius:10px;font-weight:700;
  text-align:center;text-decoration:none;color:#fff;background:var(--accent)}
-.qlt-button.qlt-orange{background:#FF9500}
+.qlt-button.qlt-orange{background:var(--system-orange)}
 .qlt-button.qlt-plain{background:transparent;color:var(--accent);padding:8px 4px}
 .qlt-segments{display:flex;background:#e3e3e8;border-radius:9px;padding:2px}
 .qlt-segments a{flex:1;text-align:center;padding:7px 0;border-radius:7px;color:#1c1c1e;
@@ -59,20 +54,25 @@ a:focus-visible,button:focus-visible,[tabindex]:focus-visible{outline:3px solid 
 footer{position:fixed;bottom:0;left:0;right:0;display:flex;gap:8px;padding:10px 12px 14px;
  background:rgba(242,242,247,.97);border-top:1px solid #d8d8dc}
 footer .qlt-button{flex:1;background:#007AFF}
-footer .qlt-button.qlt-orange{background:#FF9500}
+footer .qlt-button.qlt-orange{background:var(--system-orange)}
 .qlt-toggle{display:inline-block;flex:none;text-decoration:none;border-radius:16px}
 .qlt-track{position:relative;display:block;width:51px;height:28px;border-radius:14px}
 .qlt-knob{position:absolute;top:2px;width:24px;height:24px;border-radius:12px;background:#fff;
  box-shadow:0 1px 3px rgba(0,0,0,.3);display:flex;align-items:center;justify-content:center;
- font-size:13px;font-weight:700;color:#8e8e93}
-.qlt-knob.qlt-on{color:#007AFF}
+ font-size:13px;font-weight:700;color:var(--system-gray)}
+.qlt-knob.qlt-on{color:var(--system-blue)}
+.qlt-sr{position:absolute;width:1px;height:1px;overflow:hidden;clip:rect(0 0 0 0);white-space:nowrap}
 .qlt-empty{padding:40px 24px;text-align:center;color:#48484a}
 .qlt-entry{white-space:pre-line;font-size:14px}
 )";
 
 // Arrow keys move between focusable controls (a TV remote's D-pad sends them); Enter or OK
-// follows the focused link. Left and right inside a tab list move between the tabs.
-// A knob rendered mid-move slides to its place, so a switch that was just tapped animates.
+// follows the focused link, and so does Space on a link that plays a button, switch or tab.
+// Left and right inside a tab list move between the tabs. `qltRendered` runs once the document
+// is shown, and again whenever a host puts a newer body in place: it focuses the control named by
+// the body's data-focus without jumping the scroll (unless the host passes false: the document is
+// not the one in front), and slides a knob rendered mid-move to its place, so that a switch that
+// was just tapped animates.
 constexpr std::string_view kScript = R"(<script>
 (function(){
   function focusables(){
@@ -81,15 +81,18 @@ constexpr std::string_view kScript = R"(<script>
       function(e){ return e.offsetParent !== null || e === document.activeElement; });
   }
   document.addEventListener('keydown', function(ev){
-    var k = ev.key;
+    var k = ev.key, active = document.activeElement;
+    if(k===' ' && active && active.matches('a[href][role="button"],a[href][role="switch"],a[href][role="tab"]')){
+      ev.preventDefault(); active.click(); return;
+    }
     if(k!=='ArrowDown'&&k!=='ArrowUp'&&k!=='ArrowLeft'&&k!=='ArrowRight') return;
     var list = focusables(); if(!list.length) return;
-    var at = list.indexOf(document.activeElement);
-    var tabs = document.activeElement && document.activeElement.closest('[role="tablist"]');
+    var at = list.indexOf(active);
+    var tabs = active && active.closest('[role="tablist"]');
     var step = (k==='ArrowDown'||k==='ArrowRight') ? 1 : -1;
     if(tabs && (k==='ArrowLeft'||k==='ArrowRight')){
       var t = Array.prototype.slice.call(tabs.querySelectorAll('[role="tab"]'));
-      var i = t.indexOf(document.activeElement) + step;
+      var i = t.indexOf(active) + step;
       if(i>=0 && i<t.length) t[i].focus();
       ev.preventDefault(); return;
     }
@@ -97,13 +100,18 @@ constexpr std::string_view kScript = R"(<script>
     list[next].focus(); list[next].scrollIntoView({block:'nearest'});
     ev.preventDefault();
   });
-  var focus = document.body.getAttribute('data-focus');
-  var el = focus && document.getElementById(focus);
-  if(el){ el.focus({preventScroll:true}); el.scrollIntoView({block:'center'}); }
-  var moving = document.querySelectorAll('.qlt-knob[data-to]');
-  if(moving.length) requestAnimationFrame(function(){ requestAnimationFrame(function(){
-    Array.prototype.forEach.call(moving, function(k){ k.style.left = k.getAttribute('data-to'); });
-  }); });
+  window.qltRendered = function(takeFocus){
+    var focus = document.body.getAttribute('data-focus');
+    var el = takeFocus !== false && focus && document.getElementById(focus);
+    if(el && el !== document.activeElement){
+      el.focus({preventScroll:true}); el.scrollIntoView({block:'nearest'});
+    }
+    var moving = document.querySelectorAll('.qlt-knob[data-to]');
+    if(moving.length) requestAnimationFrame(function(){ requestAnimationFrame(function(){
+      Array.prototype.forEach.call(moving, function(k){ k.style.left = k.getAttribute('data-to'); });
+    }); });
+  };
+  window.qltRendered();
 })();
 </script>)";
 
@@ -147,24 +155,33 @@ bool isSafeLink(std::string_view url) {
   });
 }
 
-bool isCssColour(std::string_view text) {
-  if (text.empty()) return false;
-  if (text.front() == '#') {
-    const auto digits = text.substr(1);
-    const std::array allowed{3U, 4U, 6U, 8U};
-    return std::find(allowed.begin(), allowed.end(), digits.size()) != allowed.end() &&
-           std::all_of(digits.begin(), digits.end(), isHexDigit);
+bool isInertCssValue(std::string_view text) {
+  constexpr std::string_view kAllowed = " \t#(),.%+-";
+  return !text.empty() && std::all_of(text.begin(), text.end(), [&](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+           kAllowed.find(c) != std::string_view::npos;
+  });
+}
+
+RgbColour readRgbColour(std::string_view text) {
+  const auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  while (!text.empty() && isSpace(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && isSpace(text.back()))
+    text.remove_suffix(1);
+  if (text.starts_with('#')) text.remove_prefix(1);
+  std::uint64_t value = 0;
+  std::size_t digits = 0;
+  for (; digits < text.size() && isHexDigit(text[digits]); ++digits) {
+    const auto c = static_cast<unsigned char>(text[digits]);
+    const auto digit = std::isdigit(c) != 0 ? c - '0' : std::tolower(c) - 'a' + 10;
+    value = (value << 4U) | static_cast<std::uint64_t>(digit);
   }
-  if (std::all_of(text.begin(), text.end(), isLetter)) return true;
-  for (const std::string_view function : {"rgba(", "rgb(", "hsla(", "hsl("}) {
-    if (!text.starts_with(function) || !text.ends_with(")")) continue;
-    const auto arguments = text.substr(function.size(), text.size() - function.size() - 1);
-    return std::all_of(arguments.begin(), arguments.end(), [](char c) {
-      return std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '.' || c == ',' || c == ' ' ||
-             c == '%';
-    });
-  }
-  return false;
+  constexpr std::string_view kHex = "0123456789ABCDEF";
+  RgbColour colour{"#", digits == 6 && text.size() == 6};
+  for (const unsigned shift : {20U, 16U, 12U, 8U, 4U, 0U})
+    colour.hex += kHex[(value >> shift) & 0xFU];
+  return colour;
 }
 
 std::string documentStart(std::string_view title, std::string_view accent,
@@ -178,6 +195,12 @@ std::string documentStart(std::string_view title, std::string_view accent,
   out += kStyle;
   out += ":root{--accent:";
   out += accent;
+  out += ";--system-blue:";
+  out += kSystemBlue;
+  out += ";--system-orange:";
+  out += kSystemOrange;
+  out += ";--system-gray:";
+  out += kSystemGray;
   out += "}\n</style>\n</head><body";
   if (!focusId.empty()) {
     out += " data-focus=\"";
@@ -195,7 +218,7 @@ std::string documentEnd() {
 }
 
 std::string accentColour(const std::optional<std::string>& brandColour) {
-  return brandColour && isCssColour(*brandColour) ? *brandColour : std::string("#007AFF");
+  return brandColour ? readRgbColour(*brandColour).hex : std::string(kSystemBlue);
 }
 
 std::string backHeader(std::string_view backLink, std::string_view title,

@@ -20,21 +20,38 @@ QUILLET_EXPORT std::string escape(std::string_view text);
 /// address (scheme in any case) with no white space, control character, quote or angle bracket.
 QUILLET_EXPORT bool isSafeLink(std::string_view url);
 
-/// Whether `text` is a CSS colour the screens accept from a configuration: "#" with 3, 4, 6 or 8
-/// hex digits, a colour name of letters only, or rgb()/rgba()/hsl()/hsla() whose arguments are
-/// digits, dots, commas, spaces and "%".
-QUILLET_EXPORT bool isCssColour(std::string_view text);
+/// Whether `text` can stand as a CSS value inside a style element or a double-quoted style
+/// attribute without ending either: not empty, and only letters, digits, spaces, tabs and
+/// `# ( ) , . % + -`. It says nothing about whether a browser takes it as a colour.
+QUILLET_EXPORT bool isInertCssValue(std::string_view text);
+
+/// A colour text read as hexadecimal RGB, alpha 1, the way the native controls read it.
+struct QUILLET_EXPORT RgbColour {
+  std::string hex;     ///< "#RRGGBB", upper case
+  bool exact = false;  ///< the text was exactly six hex digits (after the trimming)
+};
+/// Surrounding white space and one leading "#" are removed; the hex digits up to the first other
+/// character make the number (none reads as 0, black); its low 24 bits are the colour.
+QUILLET_EXPORT RgbColour readRgbColour(std::string_view text);
+
+/// The system colours of the library's own screens: the platforms' increased-contrast variants,
+/// so that white text on the blue and orange fills and red text on white reach 4.5:1, and the
+/// off track of a switch reaches 3:1 against a white row.
+inline constexpr std::string_view kSystemBlue = "#0040DD";    // white on it 7.6:1
+inline constexpr std::string_view kSystemOrange = "#C93400";  // white on it 5.3:1
+inline constexpr std::string_view kSystemRed = "#D70015";     // on white 5.4:1
+inline constexpr std::string_view kSystemGray = "#8E8E93";    // on white 3.3:1
 
 /// The start of one of the library's own screen documents, up to and including "<body ...>":
-/// shared style sheet with `accent` as the brand colour (must pass `isCssColour`), and the
-/// element whose id is `focusId` (when not empty) focused once the document has loaded.
+/// shared style sheet with `accent` as the brand colour (a "#RRGGBB" text), and the element whose
+/// id is `focusId` (when not empty) focused once the document has loaded.
 QUILLET_EXPORT std::string documentStart(std::string_view title, std::string_view accent,
                                          std::string_view focusId);
 /// The end of such a document: the keyboard and remote-control script, "</body></html>".
 QUILLET_EXPORT std::string documentEnd();
 
-/// The accent colour of the screens: `brandColour` when it passes `isCssColour`, else the system
-/// blue.
+/// The accent colour of the screens: `brandColour` read by `readRgbColour` when present, else the
+/// system blue.
 QUILLET_EXPORT std::string accentColour(const std::optional<std::string>& brandColour);
 
 /// The sticky header of a screen pushed over another: a "‹ Back" button that carries `backLink`,
