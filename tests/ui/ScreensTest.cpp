@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/StorageKeys.h"
@@ -66,7 +67,7 @@ TEST_F(Screens, ToggleShowsItsStateAndOnlyATapOnAnUnlockedToggleSendsAnEvent) {
   toggle.onImpact = [&] { ++impacts; };
   auto look = toggle.appearance();
   EXPECT_EQ(look.knobOffset, 2);
-  EXPECT_EQ(look.trackColour, "#D1D1D6");
+  EXPECT_EQ(look.trackColour, "#8E8E93");
   EXPECT_EQ(look.icon, "xmark");
   EXPECT_EQ(look.accessibilityValue, "Off");
 
@@ -86,7 +87,7 @@ TEST_F(Screens, ToggleShowsItsStateAndOnlyATapOnAnUnlockedToggleSendsAnEvent) {
   look = toggle.appearance();
   EXPECT_TRUE(look.displayedOn);
   EXPECT_EQ(look.knobOffset, 25);
-  EXPECT_EQ(look.trackColour, "rgba(0,122,255,0.2)");
+  EXPECT_EQ(look.trackColour, "rgba(0,64,221,0.2)");
   EXPECT_EQ(look.icon, "checkmark");
   EXPECT_EQ(look.opacity, 0.8);
   EXPECT_EQ(look.accessibilityValue, "On");
@@ -225,9 +226,11 @@ TEST_F(Screens, AcceptAllTellsTheDelegateAndRejectAllDoesNot) {
 }
 
 TEST_F(Screens, PurposeSwitchesOnTheTabAndOnTheDetailsDifferAsIntended) {
-  PendingConsentStore::shared().setVendorConsent(ConsentFlags{{8, true}, {10, true}, {755, true}});
+  for (const auto vendor : {8, 10, 755})
+    ConsentCommit::switchVendor(vendor, true);
   PendingConsentStore::shared().setPurposeConsent(1, true);
   const auto second = openSecondLayer(testing::screenVendorList());
+  const ConsentFlags allOff = flags({{8, false}, {10, false}, {755, false}});
   testing::LogCapture log;
   announced_.take();
   tap("quillet://purpose-consent/1");  // on the tab: off, announced, vendors untouched
@@ -239,18 +242,32 @@ TEST_F(Screens, PurposeSwitchesOnTheTabAndOnTheDetailsDifferAsIntended) {
                                     "→ false"));
   EXPECT_GT(host_->impacts.load(), 0);
 
-  tap("quillet://read-more/1");  // the details: on, then every consent vendor follows silently
+  // The details: on, then off; every consent vendor follows in both stores, and only the vendor
+  // store's own announcements are made.
+  tap("quillet://read-more/1");
   ASSERT_NE(std::dynamic_pointer_cast<PurposeDetailsViewController>(host_->topScreen()), nullptr);
   tap("quillet://master-consent");
   tap("quillet://master-consent");
-  EXPECT_EQ(PendingConsentStore::shared().vendorConsent(),
-            flags({{8, false}, {10, false}, {755, false}}));
-  EXPECT_THAT(announced_.take(), IsEmpty());
+  EXPECT_EQ(PendingConsentStore::shared().vendorConsent(), allOff);
+  EXPECT_EQ(VendorConsentStore::shared().states(), allOff);
+  EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=8 on=false",
+                                             "qlt.vendorConsentChanged id=10 on=false",
+                                             "qlt.vendorConsentChanged id=755 on=false"));
   EXPECT_THAT(log.lines(), Contains("[DEBUG] [QLT-CMP:PurposeDetailsVC]   └─ vendor 755 consent "
                                     "auto\u2011set → false"));
   tap("quillet://close");  // back on the tab, which reads the switches back
   EXPECT_EQ(host_->topScreen(), second);
   EXPECT_FALSE(second->purposeVC().purposeToggles.at(1).isOn());
+
+  // Switched on again there, the vendors page and Save agree with the purposes tab.
+  tap("quillet://read-more/1");
+  tap("quillet://master-consent");
+  tap("quillet://close");
+  tap("quillet://segment/1");
+  EXPECT_THAT(second->document(), HasSubstr("id=\"vendor-10\" class=\"qlt-toggle\" "
+                                            "role=\"switch\" aria-checked=\"true\""));
+  tap("quillet://save");
+  EXPECT_EQ(actions_.back(), ConsentAction::customize({1}, {8, 10, 755}));
 }
 
 TEST_F(Screens, LegitimateInterestAndSpecialFeatureSwitchesOnThePurposesTab) {
@@ -399,13 +416,25 @@ TEST_F(Screens, DisclosureIsDownloadedDecodedAndShown) {
   EXPECT_THAT(document, HasSubstr("id&lt;1&gt;"));
   EXPECT_THAT(document, HasSubstr("data-cell=\"domainCell\""));
 
-  for (const auto* path : {"bad.json", "missing.json"}) {
+  // A document that holds nothing, one that does not decode, and one that cannot be had: each
+  // says so in its own words, and the log says why.
+  server.reply("empty.json", {.body = R"({"disclosures": [], "domains": null})"});
+  const std::pair<const char*, const char*> outcomes[] = {
+      {"empty.json", "This vendor did not provide any device storage disclosure data."},
+      {"bad.json", "could not be read: it does not follow the disclosure format."},
+      {"missing.json", "could not be loaded."}};
+  for (const auto& [path, text] : outcomes) {
+    testing::LogCapture log;
     const auto failed = disclosure(path);
     EXPECT_EQ(failed->table(), nullptr) << path;
-    EXPECT_THAT(failed->document(),
-                HasSubstr("No Data</h1><p>This vendor did not provide any device storage "
-                          "disclosure data.</p>"));
+    EXPECT_THAT(failed->document(), HasSubstr("No Data</h1><p>")) << path;
+    EXPECT_THAT(failed->document(), HasSubstr(text)) << path;
+    EXPECT_EQ(log.lines().size(), path == std::string("empty.json") ? 0U : 1U) << path;
   }
+  testing::LogCapture log;
+  disclosure("bad.json");
+  EXPECT_THAT(log.lines(), Contains(HasSubstr("was refused (" + server.cdnBase() +
+                                              "bad.json): disclosures[0]: key \"identifier\"")));
 }
 
 TEST_F(Screens, DocumentsEscapeEveryTextAndLinkOnlyToSafeAddresses) {

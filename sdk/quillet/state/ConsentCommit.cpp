@@ -28,6 +28,11 @@ void acceptEverything(std::span<const std::int64_t> purposeIds,
     pending.setVendorConsent(vendorId, true);
 }
 
+void switchVendor(std::int64_t vendorId, bool isOn) {
+  PendingConsentStore::shared().setVendorConsent(vendorId, isOn);
+  VendorConsentStore::shared().setConsent(vendorId, isOn);
+}
+
 void commitPending() {
   auto& pending = PendingConsentStore::shared();
   auto& vendors = VendorConsentStore::shared();

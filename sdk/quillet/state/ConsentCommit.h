@@ -5,8 +5,13 @@
 
 #include "quillet/core/Export.h"
 
-/// The two store sequences that the consent screens' buttons end with.
+/// Store sequences the consent screens share: the two their buttons end with, and one vendor's
+/// consent switch.
 namespace quillet::ConsentCommit {
+
+/// One vendor's consent switch, from whichever screen: the pending store (what the buttons hand
+/// on), then the vendor consent store, which announces a real change to every open screen.
+QUILLET_EXPORT void switchVendor(std::int64_t vendorId, bool isOn);
 
 /// Accept everything in the pending and toggle stores: for each special feature, its master on
 /// (assigned, pending, announced) and each vendor on for it; then each purpose and each vendor on

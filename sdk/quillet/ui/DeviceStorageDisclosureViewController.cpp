@@ -2,6 +2,7 @@
 
 #include "quillet/core/MainQueue.h"
 #include "quillet/core/Platform.h"
+#include "quillet/core/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/HttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
@@ -11,6 +12,7 @@
 namespace quillet {
 namespace {
 
+constexpr std::string_view kTag = "DeviceStorageDisclosureVC";
 constexpr std::int64_t kDay = 86400;
 constexpr auto kDownloadTimeout = std::chrono::seconds(30);
 
@@ -21,6 +23,11 @@ std::string joined(const std::vector<std::string>& parts) {
     out += part;
   }
   return out;
+}
+
+std::string noData(std::string_view text) {
+  return "<div class=\"qlt-empty\" role=\"status\"><h1>No Data</h1><p>" + std::string(text) +
+         "</p></div>";
 }
 
 bool hasData(const DeviceStorageDisclosure& disclosure) {
@@ -111,7 +118,7 @@ std::string DeviceStorageDisclosureViewController::title() const {
 
 void DeviceStorageDisclosureViewController::load() {
   if (!isValidHttpUrl(url_)) {
-    show(std::nullopt);
+    showUnavailable("no http or https address: \"" + url_ + "\"");
     return;
   }
   HttpRequest request;
@@ -119,7 +126,7 @@ void DeviceStorageDisclosureViewController::load() {
   request.timeout = kDownloadTimeout;
   const auto client = QLTAPIServer::httpClient();
   if (!client) {
-    show(std::nullopt);
+    showUnavailable("no HTTP client is installed");
     return;
   }
   client->send(
@@ -127,26 +134,53 @@ void DeviceStorageDisclosureViewController::load() {
       [self = weak_from_this()](std::optional<Bytes> data, std::optional<HttpResponse> response,
                                 const std::optional<HttpError>& error) {
         std::optional<std::string> text;
-        if (!error && data && response && response->status >= 200 && response->status < 300) {
-          text.emplace(data->begin(), data->end());
+        std::string failure;
+        if (error) {
+          failure = error->description;
+        } else if (!response || response->status < 200 || response->status >= 300) {
+          failure = "HTTP status " + std::to_string(response ? response->status : 0);
+        } else {
+          text.emplace(data ? std::string(data->begin(), data->end()) : std::string());
         }
-        Platform::current().mainQueue->post([self, text = std::move(text)]() mutable {
-          if (const auto screen = self.lock()) {
-            static_cast<DeviceStorageDisclosureViewController&>(*screen).show(std::move(text));
-          }
-        });
+        Platform::current().mainQueue->post(
+            [self, text = std::move(text), failure = std::move(failure)] {
+              const auto screen = self.lock();
+              if (!screen) return;
+              auto& disclosure = static_cast<DeviceStorageDisclosureViewController&>(*screen);
+              if (text) {
+                disclosure.show(*text);
+              } else {
+                disclosure.showUnavailable(failure);
+              }
+            });
       });
 }
 
-void DeviceStorageDisclosureViewController::show(std::optional<std::string> text) {
-  loading_ = false;
+void DeviceStorageDisclosureViewController::show(std::string_view text) {
   table_.reset();
-  if (text) {
-    auto decoded = DeviceStorageDisclosure::decode(*text);
-    if (decoded && hasData(*decoded)) {
-      table_.emplace(std::move(decoded).value(), purposesDict_);
-    }
+  auto decoded = DeviceStorageDisclosure::decode(text);
+  if (!decoded) {
+    state_ = State::unreadable;
+    QltLog::w(kTag, [&] {
+      return "the device storage disclosure of " + vendorName_ + " was refused (" + url_ +
+             "): " + decoded.error();
+    });
+  } else if (hasData(*decoded)) {
+    state_ = State::table;
+    table_.emplace(std::move(decoded).value(), purposesDict_);
+  } else {
+    state_ = State::noData;
   }
+  changed();
+}
+
+void DeviceStorageDisclosureViewController::showUnavailable(std::string_view reason) {
+  table_.reset();
+  state_ = State::unavailable;
+  QltLog::w(kTag, [&] {
+    return "the device storage disclosure of " + vendorName_ +
+           " could not be loaded: " + std::string(reason);
+  });
   changed();
 }
 
@@ -157,16 +191,26 @@ void DeviceStorageDisclosureViewController::handleEvent(const ScreenEvent& event
 std::string DeviceStorageDisclosureViewController::document() const {
   std::string out = Html::documentStart(title(), accent_, "");
   out += Html::backHeader(ScreenEvent::link("close"), title(), vendorName_) + "<main>";
-  if (loading_) {
-    out +=
-        "<div class=\"qlt-empty\" role=\"status\" aria-live=\"polite\" aria-busy=\"true\">"
-        "Loading…</div>";
-  } else if (table_) {
-    out += table_->html();
-  } else {
-    out +=
-        "<div class=\"qlt-empty\" role=\"status\"><h1>No Data</h1><p>This vendor did not "
-        "provide any device storage disclosure data.</p></div>";
+  switch (state_) {
+    case State::loading:
+      out +=
+          "<div class=\"qlt-empty\" role=\"status\" aria-live=\"polite\" aria-busy=\"true\">"
+          "Loading…</div>";
+      break;
+    case State::table:
+      out += table_->html();
+      break;
+    case State::noData:
+      out += noData("This vendor did not provide any device storage disclosure data.");
+      break;
+    case State::unreadable:
+      out += noData(
+          "This vendor's device storage disclosure could not be read: it does not follow the "
+          "disclosure format.");
+      break;
+    case State::unavailable:
+      out += noData("This vendor's device storage disclosure could not be loaded.");
+      break;
   }
   out += "</main>";
   out += Html::documentEnd();

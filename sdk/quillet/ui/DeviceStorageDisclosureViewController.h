@@ -35,8 +35,10 @@ class QUILLET_EXPORT DeviceStorageDisclosureTableViewController {
   std::vector<Section> sections;
 };
 
-/// "Device Storage Disclosure": shows that the document is loading, then its table, or
-/// "No Data" when the download or the decoding fails.
+/// "Device Storage Disclosure": shows that the document is loading, then its table; "No Data"
+/// with the defined text when the vendor's document holds nothing; and, under "No Data" too, that
+/// the document could not be read (it does not decode) or loaded (no address, or the download
+/// failed), with the reason in the log.
 class QUILLET_EXPORT DeviceStorageDisclosureViewController final : public Screen {
  public:
   DeviceStorageDisclosureViewController(std::string vendorName, std::string url,
@@ -48,10 +50,12 @@ class QUILLET_EXPORT DeviceStorageDisclosureViewController final : public Screen
   /// Downloads the document through the platform's HTTP client and shows the outcome; the
   /// screen is kept alive by nothing but its host, so a closed screen ignores a late answer.
   void load();
-  /// Shows a downloaded document, or "No Data" when it is absent or cannot be decoded.
-  void show(std::optional<std::string> text);
+  /// Shows a downloaded document.
+  void show(std::string_view text);
+  /// Shows that no document could be had; `reason` goes to the log.
+  void showUnavailable(std::string_view reason);
 
-  bool isLoading() const noexcept { return loading_; }
+  bool isLoading() const noexcept { return state_ == State::loading; }
   const DeviceStorageDisclosureTableViewController* table() const noexcept {
     return table_ ? &*table_ : nullptr;
   }
@@ -64,7 +68,8 @@ class QUILLET_EXPORT DeviceStorageDisclosureViewController final : public Screen
   std::string url_;
   boost::json::object purposesDict_;
   std::string accent_;
-  bool loading_ = true;
+  enum class State { loading, table, noData, unreadable, unavailable };
+  State state_ = State::loading;
   std::optional<DeviceStorageDisclosureTableViewController> table_;
 };
 

@@ -1,6 +1,7 @@
 #include "quillet/ui/PurposeDetailsViewController.h"
 
 #include "quillet/core/QltLog.h"
+#include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
@@ -62,8 +63,10 @@ void PurposeDetailsViewController::masterConsentChanged(bool isOn) {
   QltLog::d(kTag, [&] {
     return "Purpose " + std::to_string(purpose.id()) + " master\u2011consent → " + flag(isOn);
   });
+  // The vendors follow through both stores, so that the vendors page shows what Save hands on;
+  // the purpose itself is not announced.
   for (const auto& vendor : consentVendors) {
-    pending.setVendorConsent(vendor.id(), isOn);
+    ConsentCommit::switchVendor(vendor.id(), isOn);
     QltLog::d(kTag, [&] {
       return "  └─ vendor " + std::to_string(vendor.id()) + " consent auto\u2011set → " +
              flag(isOn);

@@ -2,6 +2,7 @@
 
 #include "quillet/core/QltLog.h"
 #include "quillet/model/Json.h"
+#include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
 #include "quillet/state/SpecialFeatureConsentStore.h"
@@ -158,7 +159,7 @@ void PurposeTabViewController::purposeLegitimateInterestChanged(std::int64_t pur
 }
 
 void PurposeTabViewController::vendorConsentChanged(std::int64_t vendorId, bool isOn) {
-  PendingConsentStore::shared().setVendorConsent(vendorId, isOn);
+  ConsentCommit::switchVendor(vendorId, isOn);
   QltLog::d(kTag,
             [&] { return "Vendor " + std::to_string(vendorId) + " consent user→ " + flag(isOn); });
 }
@@ -237,7 +238,8 @@ std::string PurposeTabViewController::purposeBelow(const PurposeModel& purpose) 
   out += "<div class=\"qlt-row\"><a class=\"qlt-link\" id=\"expand-" + id +
          "\" role=\"button\" aria-expanded=\"" + (expanded ? "true" : "false") + "\" href=\"" +
          ScreenEvent::link("expand", {p}) + "\">" + (expanded ? "Hide vendors" : "Show vendors") +
-         " (" + std::to_string(count) + ")</a></div>";
+         " (" + std::to_string(count) +
+         ")<span class=\"qlt-sr\">: " + Html::escape(purpose.name()) + "</span></a></div>";
   if (!expanded) return out;
   out += "<div class=\"qlt-sub\">";
   const auto& pending = PendingConsentStore::shared();

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 
+#include "quillet/core/MainQueue.h"
+#include "quillet/core/Platform.h"
 #include "quillet/core/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/state/ConsentCommit.h"
+#include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
 #include "quillet/state/VendorConsentStore.h"
 #include "quillet/ui/Html.h"
@@ -17,7 +20,27 @@
 namespace quillet {
 
 SecondLayerViewController::SecondLayerViewController(ScreenContent content)
-    : content_(std::move(content)) {}
+    : content_(std::move(content)) {
+  // Observers run on the posting thread; the screen is only touched on the main thread, where
+  // it is also destroyed, so the weak flag tells whether it is still there.
+  vendorObserver_ = NotificationCenter::defaultCenter().addObserver(
+      std::string(NotificationNames::vendorConsentChanged),
+      [this, alive = std::weak_ptr<bool>(alive_)](const Notification&) {
+        runOnMainThread([this, alive] {
+          if (!alive.expired() && !handling_) scheduleRender();
+        });
+      });
+}
+
+void SecondLayerViewController::scheduleRender() {
+  if (renderScheduled_) return;
+  renderScheduled_ = true;
+  Platform::current().mainQueue->post([this, alive = std::weak_ptr<bool>(alive_)] {
+    if (alive.expired()) return;
+    renderScheduled_ = false;
+    changed();
+  });
+}
 
 SecondLayerViewController::~SecondLayerViewController() = default;
 
@@ -160,6 +183,12 @@ void SecondLayerViewController::close(std::function<void()> followUp) {
 }
 
 void SecondLayerViewController::handleEvent(const ScreenEvent& event) {
+  handling_ = true;
+  dispatch(event);
+  handling_ = false;
+}
+
+void SecondLayerViewController::dispatch(const ScreenEvent& event) {
   std::string focus = event.name;
   for (const auto id : event.ids)
     focus += "-" + std::to_string(id);

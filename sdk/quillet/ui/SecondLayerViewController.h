@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "quillet/core/Export.h"
+#include "quillet/state/NotificationCenter.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/ScreenContent.h"
 
@@ -26,7 +27,9 @@ class QUILLET_EXPORT SecondLayerDelegate {
 
 /// "Manage Preferences": a purposes page and a vendors page switched by two segments, and the
 /// Save, Accept All and Reject All buttons, which write the consent stores, hand a
-/// `ConsentAction` to the facade's handler and close both consent screens.
+/// `ConsentAction` to the facade's handler and close both consent screens. A vendor's consent
+/// changed on another screen ("qlt.vendorConsentChanged") is shown here too, once per turn of
+/// the main queue however many vendors changed.
 class QUILLET_EXPORT SecondLayerViewController final : public Screen {
  public:
   explicit SecondLayerViewController(ScreenContent content);
@@ -60,8 +63,15 @@ class QUILLET_EXPORT SecondLayerViewController final : public Screen {
   // Presents a details screen over this one; the pages are brought in line when it closes.
   void openDetails(std::shared_ptr<Screen> details);
   std::set<std::int64_t> purposeIds() const;
+  void dispatch(const ScreenEvent& event);
+  // Shows the document again on the next turn of the main queue, once for any number of calls.
+  void scheduleRender();
 
   ScreenContent content_;
+  bool handling_ = false;  // inside this screen's own event, which renders it anyway
+  bool renderScheduled_ = false;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  NotificationCenter::Token vendorObserver_;
   std::int64_t selected_ = 0;
   std::unique_ptr<PurposeTabViewController> purposeVC_;
   std::unique_ptr<VendorsPageViewController> vendorsVC_;
