@@ -1,10 +1,12 @@
 #include "quillet/webhost/WebScreenHost.h"
 
+#include <charconv>
 #include <chrono>
 #include <future>
 
 #include <boost/json.hpp>
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include "quillet/core/MainQueue.h"
 #include "quillet/model/Json.h"
@@ -45,6 +47,14 @@ std::string_view kindOf(NativeControl::Kind kind) {
   return "plainButton";
 }
 
+// The number a route matched, or -1 when it does not fit.
+std::int64_t idOf(const httplib::Request& request) {
+  std::int64_t id = -1;
+  const auto& text = request.matches[1];
+  const auto [end, error] = std::from_chars(&*text.first, &*text.first + text.length(), id);
+  return error == std::errc{} ? id : -1;
+}
+
 // The JSON object of a request body, or an empty one.
 boost::json::object bodyOf(const httplib::Request& request) {
   const auto parsed = Json::parse(request.body);
@@ -61,6 +71,8 @@ void sendJson(httplib::Response& response, const boost::json::value& value) {
 
 std::shared_ptr<WebScreenHost> WebScreenHost::start(std::shared_ptr<MainQueue> mainQueue,
                                                     const std::string& address, int port) {
+  constexpr int kLastPort = 65535;
+  if (port < 0 || port > kLastPort) return nullptr;
   auto host = std::make_shared<WebScreenHost>(Private{}, std::move(mainQueue));
   host->address_ = address;
   host->route();
@@ -75,6 +87,21 @@ WebScreenHost::WebScreenHost(Private, std::shared_ptr<MainQueue> mainQueue)
     : mainQueue_(std::move(mainQueue)), server_(std::make_unique<httplib::Server>()) {
   // Event streams hold a thread each while a tab is open.
   server_->new_task_queue = [] { return new httplib::ThreadPool(32); };
+  // Address reuse only: with the server's default port sharing, a second host on a port in use
+  // would bind too and take half of its connections.
+  server_->set_socket_options([](int socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
+}
+
+void WebScreenHost::addPageAction(std::string title, std::function<void()> action) {
+  actions_.emplace_back(std::move(title), std::move(action));
+  {
+    std::lock_guard lock(mutex_);
+    ++version_;
+  }
+  changed_.notify_all();
 }
 
 WebScreenHost::~WebScreenHost() {
@@ -179,8 +206,13 @@ std::string WebScreenHost::stateJson() {
       opened.push_back({{"seq", seq}, {"url", url}});
     openedUpTo = opened_.empty() ? 0 : opened_.back().first;
   }
-  return boost::json::serialize(boost::json::object{
-      {"screens", std::move(list)}, {"opened", std::move(opened)}, {"openedUpTo", openedUpTo}});
+  boost::json::array actions;
+  for (std::size_t i = 0; i < actions_.size(); ++i)
+    actions.push_back({{"id", i}, {"title", actions_[i].first}});
+  return boost::json::serialize(boost::json::object{{"screens", std::move(list)},
+                                                    {"opened", std::move(opened)},
+                                                    {"openedUpTo", openedUpTo},
+                                                    {"actions", std::move(actions)}});
 }
 
 void WebScreenHost::route() {
@@ -196,7 +228,7 @@ void WebScreenHost::route() {
   });
   server_->Get(R"(/screen/(\d+)/document)",
                [this](const httplib::Request& request, httplib::Response& response) {
-                 const auto id = std::stoll(request.matches[1]);
+                 const auto id = idOf(request);
                  std::optional<std::string> document;
                  onMain([&] {
                    if (const auto screen = screenById(id)) document = screen->document();
@@ -217,7 +249,7 @@ void WebScreenHost::route() {
                });
   server_->Post(R"(/screen/(\d+)/policy)", [this](const httplib::Request& request,
                                                   httplib::Response& response) {
-    const auto id = std::stoll(request.matches[1]);
+    const auto id = idOf(request);
     const auto body = bodyOf(request);
     Navigation navigation;
     navigation.url = std::string(Json::string(Json::member(body, "url")).value_or(""));
@@ -233,13 +265,24 @@ void WebScreenHost::route() {
   });
   server_->Post(R"(/screen/(\d+)/perform)", [this](const httplib::Request& request,
                                                    httplib::Response& response) {
-    const auto id = std::stoll(request.matches[1]);
+    const auto id = idOf(request);
     const std::string action(Json::string(Json::member(bodyOf(request), "action")).value_or(""));
     onMain([&] {
       if (const auto screen = screenById(id)) screen->perform(action);
     });
     sendJson(response, boost::json::object{});
   });
+  server_->Post(R"(/action/(\d+))",
+                [this](const httplib::Request& request, httplib::Response& response) {
+                  const auto id = idOf(request);
+                  onMain([&] {
+                    // The page under a screen takes no input; a stale page's press is ignored too.
+                    if (id >= 0 && static_cast<std::size_t>(id) < actions_.size() && !topScreen()) {
+                      actions_[static_cast<std::size_t>(id)].second();
+                    }
+                  });
+                  sendJson(response, boost::json::object{});
+                });
   server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
     response.set_header("Cache-Control", "no-store");
     response.set_chunked_content_provider(

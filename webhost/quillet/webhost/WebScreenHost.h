@@ -27,7 +27,8 @@ class MainQueue;
 /// same screens. Screens are only ever touched on the main queue; requests wait for it.
 class WebScreenHost final : public ScreenHost {
  public:
-  /// Listens on `address` and `port` (0 for a free port). Absent when the port cannot be bound.
+  /// Listens on `address` and `port` (0 for a free port). Absent when the port is outside 0 to
+  /// 65535 or cannot be bound, for example because another program listens on it.
   static std::shared_ptr<WebScreenHost> start(std::shared_ptr<MainQueue> mainQueue,
                                               const std::string& address = "127.0.0.1",
                                               int port = 0);
@@ -43,6 +44,11 @@ class WebScreenHost final : public ScreenHost {
 
   /// Called on the main queue with each screen as it is presented (before any browser shows it).
   std::function<void(const Screen&)> onPresented;
+
+  /// Adds a button titled `title` to the page, below the screens, that runs `action` on the main
+  /// queue when pressed (a host's own control, such as one that reopens the consent choices).
+  /// While a screen is shown, the page under it takes no input.
+  void addPageAction(std::string title, std::function<void()> action);
 
   bool canPresent() const override { return true; }
   /// Opened in a new tab of every browser showing the host.
@@ -79,6 +85,8 @@ class WebScreenHost final : public ScreenHost {
   // Main queue only: each presented screen's id and document version.
   std::map<const Screen*, std::pair<std::int64_t, std::uint64_t>> ids_;
   std::vector<std::pair<std::uint64_t, std::string>> opened_;  // guarded by mutex_
+  // Main queue only.
+  std::vector<std::pair<std::string, std::function<void()>>> actions_;
 };
 
 }  // namespace quillet
