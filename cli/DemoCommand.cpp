@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -19,7 +20,9 @@
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/core/Text.h"
 #include "quillet/model/Json.h"
+#include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/Endpoints.h"
+#include "quillet/network/HttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
@@ -80,22 +83,154 @@ std::string summary(std::string_view tcString) {
          Text::printedList(tc.vendorLegitimateInterests.ids);
 }
 
-// The bundled vendor list with each vendor's disclosure address pointing at a bundled disclosure
-// document on the embedded CDN, so that the disclosure screen works offline.
-std::string localVendorList(const std::string& text, const std::string& cdnBase,
-                            const std::vector<std::string>& disclosures) {
-  auto parsed = Json::parse(text);
-  if (!parsed || !parsed->is_object() || disclosures.empty()) return text;
-  auto* vendors = parsed->as_object().if_contains("vendors");
-  if (vendors == nullptr || !vendors->is_object()) return text;
-  std::size_t next = 0;
-  for (auto& vendor : vendors->as_object()) {
-    if (auto* entry = vendor.value().if_object()) {
-      (*entry)["deviceStorageDisclosureUrl"] =
-          cdnBase + "dsd/" + disclosures[next++ % disclosures.size()];
+// The bundled disclosure documents, one per vendor in turn, so that the disclosure screen works
+// offline.
+const std::vector<std::string> kDisclosures = {"dsd-cavai-empty.json", "dsd-tangoo.json",
+                                               "dsd-prebid-probes.json", "dsd-large-mixed.json"};
+
+// Sends each download of a vendor's disclosure address to a bundled document on the embedded
+// CDN. The vendor list itself is served and cached as it is: its addresses stay true from one
+// run to the next, while the CDN's port changes with every run.
+class DisclosureRedirect final : public HttpClient {
+ public:
+  DisclosureRedirect(std::shared_ptr<HttpClient> client, const std::string& vendorList,
+                     const std::string& cdnBase)
+      : client_(std::move(client)), cdnBase_(cdnBase) {
+    const auto parsed = Json::parse(vendorList);
+    const auto* vendors = parsed && parsed->is_object()
+                              ? Json::object(Json::member(parsed->as_object(), "vendors"))
+                              : nullptr;
+    if (vendors == nullptr) return;
+    std::size_t next = 0;
+    for (const auto& vendor : *vendors) {
+      const auto* entry = vendor.value().if_object();
+      const auto url =
+          entry ? Json::string(Json::member(*entry, "deviceStorageDisclosureUrl")) : std::nullopt;
+      if (url && !targets_.contains(std::string(*url))) {
+        targets_.emplace(*url, cdnBase + "dsd/" + kDisclosures[next++ % kDisclosures.size()]);
+      }
     }
   }
-  return boost::json::serialize(*parsed);
+  void send(HttpRequest request, HttpCompletion completion) override {
+    if (const auto found = targets_.find(request.url); found != targets_.end()) {
+      request.url = found->second;
+    } else if (std::smatch old; std::regex_match(request.url, old, kEarlierRun)) {
+      // A list cached by an earlier version of the demo holds that run's CDN address.
+      request.url = cdnBase_ + "dsd/" + old[1].str();
+    }
+    client_->send(std::move(request), std::move(completion));
+  }
+
+ private:
+  inline static const std::regex kEarlierRun{
+      R"(http://127\.0\.0\.1:\d+/cdn/dsd/(dsd-[a-z-]+\.json))"};
+  std::shared_ptr<HttpClient> client_;
+  std::string cdnBase_;
+  std::map<std::string, std::string, std::less<>> targets_;
+};
+
+// The library's log in the demo's output: warnings and errors always (a refused disclosure
+// document, a configuration that cannot be used), every line with --log.
+class DemoLog final : public LogSink {
+ public:
+  DemoLog(Printer& printer, bool everything) : printer_(printer), everything_(everything) {}
+  void write(std::string_view line) noexcept override {
+    if (everything_ || line.find("] [WARN] [") != std::string_view::npos ||
+        line.find("] [ERROR] [") != std::string_view::npos) {
+      printer_.line(std::string(line));
+    }
+  }
+
+ private:
+  Printer& printer_;
+  bool everything_;
+};
+
+// What the banner would make of each configuration key whose value it cannot take as it is:
+// every key is read on its own and a wrong kind falls back without a word, so a typing slip
+// would otherwise only show as a banner that looks wrong.
+std::vector<std::string> configurationWarnings(const boost::json::object& config) {
+  enum class Kind { text, boolean, ids, number };
+  static const std::map<std::string_view, Kind> kKeys = {{"logoUrl", Kind::text},
+                                                         {"brandColor", Kind::text},
+                                                         {"privacyUrl", Kind::text},
+                                                         {"layout", Kind::text},
+                                                         {"bannerText", Kind::text},
+                                                         {"showRejectButton", Kind::boolean},
+                                                         {"showCustomizeButton", Kind::boolean},
+                                                         {"acceptButtonText", Kind::text},
+                                                         {"rejectButtonText", Kind::text},
+                                                         {"manageButtonText", Kind::text},
+                                                         {"customizeLinkId", Kind::text},
+                                                         {"selectedVendorIds", Kind::ids},
+                                                         {"selectedPurposesIds", Kind::ids},
+                                                         {"vendorListVersion", Kind::number},
+                                                         {"configVersion", Kind::number},
+                                                         {"publisherCC", Kind::text}};
+  const auto kindOf = [](const boost::json::value& value) -> std::string {
+    switch (value.kind()) {
+      case boost::json::kind::string:
+        return "a text";
+      case boost::json::kind::bool_:
+        return "a boolean";
+      case boost::json::kind::null:
+        return "null";
+      case boost::json::kind::array:
+        return "an array";
+      case boost::json::kind::object:
+        return "an object";
+      default:
+        return "a number";
+    }
+  };
+  std::vector<std::string> warnings;
+  for (const auto& member : config) {
+    const std::string key = "\"" + std::string(member.key()) + "\"";
+    const auto& value = member.value();
+    const auto found = kKeys.find(member.key());
+    if (found == kKeys.end()) {
+      warnings.push_back("unknown key " + key + " is ignored");
+      continue;
+    }
+    switch (found->second) {
+      case Kind::text:
+        if (!value.is_string())
+          warnings.push_back(key + " is " + kindOf(value) + ", not a text: ignored");
+        break;
+      case Kind::boolean:
+        if (!value.is_bool()) {
+          warnings.push_back(key + " is " + kindOf(value) +
+                             ", not true or false: it reads as false");
+        }
+        break;
+      case Kind::number:
+        if (!value.is_number()) {
+          warnings.push_back(key + " is " + kindOf(value) + ", not a number: ignored");
+        } else if (!Json::exactInteger(&value)) {
+          warnings.push_back(key + " is not a whole number: it reads as " +
+                             std::to_string(Json::truncatedInteger(&value).value_or(0)));
+        }
+        break;
+      case Kind::ids:
+        if (!value.is_array()) {
+          warnings.push_back(key + " is " + kindOf(value) + ", not an array of ids: ignored");
+          break;
+        }
+        for (std::size_t i = 0; i < value.get_array().size(); ++i) {
+          const auto& element = value.get_array()[i];
+          if (!element.is_number()) {
+            warnings.push_back(key + " element " + std::to_string(i) + " is " + kindOf(element) +
+                               ": skipped");
+          } else if (!Json::exactInteger(&element)) {
+            warnings.push_back(key + " element " + std::to_string(i) +
+                               " is not a whole number: it reads as " +
+                               std::to_string(Json::truncatedInteger(&element).value_or(0)));
+          }
+        }
+        break;
+    }
+  }
+  return warnings;
 }
 
 // The embedded configuration CDN and consent API.
@@ -105,9 +240,7 @@ class DemoServer {
              const fs::path& data, Printer& printer)
       : settingsId_(std::move(settingsId)), printer_(printer) {
     port_ = server_.bind_to_any_port("127.0.0.1");
-    const std::vector<std::string> disclosures = {"dsd-cavai-empty.json", "dsd-tangoo.json",
-                                                  "dsd-prebid-probes.json", "dsd-large-mixed.json"};
-    vendorList_ = localVendorList(vendorList, cdnBase(), disclosures);
+    vendorList_ = vendorList;
     config_ = std::move(config);
     server_.Get("/cdn/" + settingsId_ + "/banner_config.json",
                 [this](const httplib::Request&, httplib::Response& r) {
@@ -190,6 +323,14 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
     err << "quillet demo: cannot read " << (config ? vendorListPath : configPath).string() << '\n';
     return 1;
   }
+  if (const auto parsed = Json::parse(*config); !parsed || !parsed->is_object()) {
+    err << "quillet demo: warning: " << configPath.string()
+        << (parsed ? " is not a JSON object" : " is not JSON")
+        << ": no configuration can be loaded, so no banner is shown\n";
+  } else {
+    for (const auto& warning : configurationWarnings(parsed->as_object()))
+      err << "quillet demo: warning: " << configPath.string() << ": " << warning << '\n';
+  }
   const fs::path state = options.state.empty() ? defaultState() : fs::path(options.state);
   std::error_code ignored;
   fs::create_directories(state, ignored);
@@ -199,18 +340,28 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
     return 1;
   }
 
-  QltLog::setEnabled(options.log);
   Printer printer(out);
+  QltLog::setSink(std::make_shared<DemoLog>(printer, options.log));
+  QltLog::setEnabled(true);
   DemoServer server(options.settingsId, *config, *vendorList, data, printer);
   const auto mainQueue = std::make_shared<RunLoop>();
   const auto host = WebScreenHost::start(mainQueue, "127.0.0.1", options.port);
   if (!host) {
-    err << "quillet demo: cannot listen on port " << options.port << '\n';
+    err << "quillet demo: cannot listen on 127.0.0.1:" << options.port
+        << " (is another program using it?)\n";
+    QltLog::setSink(nullptr);
     return 1;
   }
   const auto analytics = std::make_shared<AnalyticsRegistry>();
   analytics->registerClass("FIRAnalytics", std::make_shared<PrintingAnalytics>(printer));
+  // Downloads of the vendors' disclosure addresses go to the bundled documents when the embedded
+  // CDN serves the vendor list.
+  std::shared_ptr<HttpClient> http = std::make_shared<CurlHttpClient>();
+  if (options.cdn.empty()) {
+    http = std::make_shared<DisclosureRedirect>(std::move(http), *vendorList, server.cdnBase());
+  }
   Platform::install({.keyValueStore = std::move(store).value(),
+                     .httpClient = std::move(http),
                      .endpoints = Endpoints{options.cdn.empty() ? server.cdnBase() : options.cdn,
                                             options.api.empty() ? server.apiBase() : options.api},
                      .mainQueue = mainQueue,
@@ -235,6 +386,8 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
     printer.line(line.str());
   };
   auto& facade = QuilletCMP::shared();
+  // The host's own way back to the choices, as an app's settings would offer it.
+  host->addPageAction("Privacy choices", [&facade] { facade.showBanner(true); });
   facade.initialize(options.settingsId, [&printer, &facade, manage = options.manage] {
     const auto stored = ConsentStorage::store()->readString(StorageKeys::tcString);
     printer.line("start-up done; stored TC String: " + stored.value_or("(none)"));
@@ -258,6 +411,7 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   printer.line("stopping");
   host->stop();
   Platform::install({});
+  QltLog::setSink(nullptr);
   return 0;
 }
 
