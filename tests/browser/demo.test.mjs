@@ -1,6 +1,6 @@
 // `quillet demo` end to end: the facade, the web host and a real browser, with the embedded CDN
 // and consent API on loopback and a temporary state folder.
-import { execFileSync } from 'node:child_process';
+import { execFileSync, spawnSync } from 'node:child_process';
 import { mkdtempSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -44,7 +44,11 @@ async function openHost(demo, kind) {
 
 async function showing(page, kind) {
   await page.waitForSelector(`body[data-top="${kind}"]`, { timeout: 20000 });
-  await page.waitForSelector(`.layer[data-screen="${kind}"]:not([hidden])[data-loaded]`, { timeout: 20000 });
+  // The document the host last announced is the one shown.
+  await page.waitForFunction((k) => {
+    const layer = document.querySelector(`.layer[data-screen="${k}"]:not([hidden])`);
+    return layer && layer.dataset.loaded !== undefined && layer.dataset.loaded === layer.dataset.version;
+  }, kind, { timeout: 20000 });
   return page.frameLocator(`.layer[data-screen="${kind}"] iframe`);
 }
 
@@ -110,8 +114,16 @@ test('first visit, view all, accept all, reload and restart', { timeout: 180000 
   await other.close();
   assert.equal(posted(demo, 'accepted'), 1);
   assert.equal(demo.count(/v1\/analytics\/events/), 1);
-  const stored = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
+  let stored = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
   assert.equal(ids(TCString.decode(stored).purposeConsents).length, 11);
+  // The page's own control reopens the choices: the second layer, with them switched on.
+  await page.click('#actions button:text("Privacy choices")');
+  await showing(page, 'secondLayer');
+  await expectAttribute(page, 'secondLayer', '#purpose-consent-11', 'aria-checked', 'true');
+  const next = demo.lines.length;
+  await tap(page, 'secondLayer', '#accept-all');
+  await page.waitForSelector('body[data-top="none"]');
+  stored = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
   await page.reload();
   await page.waitForSelector('#status');
   await page.waitForFunction(() => document.getElementById('status').textContent === 'Nothing is presented.');
@@ -260,5 +272,187 @@ test('the example host runs the library against the embedded servers', { timeout
   const stored = /tapping "Accept All"\nstart-up complete; stored TC String: (\S+)/.exec(printed);
   assert.ok(stored, printed);
   assert.equal(ids(TCString.decode(stored[1]).vendorConsents).length, 30);
+  await demo.stop();
+});
+
+// The element at the middle of a box is the box's own: nothing covers it and it is in view.
+async function reachable(page, selector) {
+  return page.$$eval(selector, (elements) => elements.map((e) => {
+    const r = e.getBoundingClientRect();
+    const hit = document.elementFromPoint(r.left + r.width / 2, r.top + r.height / 2);
+    return r.top >= 0 && r.left >= 0 && r.bottom <= innerHeight && r.right <= innerWidth &&
+      (hit === e || e.contains(hit));
+  }));
+}
+
+test('the banner fits every window from 320 x 320 up, every button in view', { timeout: 180000 }, async () => {
+  const demo = await Demo.start(['--state', stateFolder()]);
+  for (const [width, height] of [[320, 320], [390, 844], [844, 390], [640, 360], [1280, 800]]) {
+    const page = await openHost(demo, 'banner');
+    await page.setViewportSize({ width, height });
+    const size = `${width} x ${height}`;
+    await page.waitForFunction(() => document.querySelector('.card').getBoundingClientRect().bottom <= innerHeight);
+    assert.deepEqual(await reachable(page, '.buttons button'), [true, true, true], size);
+    assert.deepEqual(await reachable(page, '.card'), [true], size);
+    // The text scrolls inside the card; it is not cut off, nor does the card leave room unused.
+    const text = await page.$eval('.card iframe', (frame) => {
+      const doc = frame.contentDocument.scrollingElement;
+      return { shown: frame.clientHeight, content: doc.scrollHeight, scrolls: doc.scrollHeight > doc.clientHeight,
+        card: document.querySelector('.card').getBoundingClientRect().height };
+    });
+    assert.ok(text.shown >= text.content || text.card >= height - 33, `${size} ${JSON.stringify(text)}`);
+    await page.screenshot({ path: join(artifacts, `demo-banner-${width}x${height}.png`) });
+    await page.close();
+  }
+  await demo.stop();
+});
+
+test('what the purpose details switch is what the vendors tab shows and Save stores', { timeout: 180000 }, async () => {
+  const demo = await Demo.start(['--state', stateFolder()]);
+  const page = await openHost(demo, 'banner');
+  await page.click('button[data-action="onCustomize"]');
+  await showing(page, 'secondLayer');
+  await tap(page, 'secondLayer', '#read-more-2');
+  await showing(page, 'purposeDetails');
+  await tapIn(page, 'purposeDetails', '#master-consent');
+  await tap(page, 'purposeDetails', '#close');
+  const second = await showing(page, 'secondLayer');
+  await tap(page, 'secondLayer', '#expand-2');
+  await expectAttribute(page, 'secondLayer', '#expand-2', 'aria-expanded', 'true');
+  const vendors = await second.locator('[id^="purpose-vendor-2-"]').evaluateAll((toggles) =>
+    toggles.map((t) => [Number(t.id.split('-').at(-1)), t.getAttribute('aria-checked')]));
+  assert.ok(vendors.length > 3, String(vendors));
+  assert.ok(vendors.every(([, on]) => on === 'true'), String(vendors));
+  await tap(page, 'secondLayer', '#segment-1');
+  for (const [id] of vendors) await expectAttribute(page, 'secondLayer', `#vendor-${id}`, 'aria-checked', 'true');
+  await tap(page, 'secondLayer', '#save');
+  const saved = TCString.decode((await demo.waitFor(/v1\/consent \{"tcString":"([^"]+)".*"customized"/))[1]);
+  assert.deepEqual(ids(saved.purposeConsents), [2]);
+  assert.deepEqual(ids(saved.vendorConsents), vendors.map(([id]) => id).sort((a, b) => a - b));
+  await page.close();
+  await demo.stop();
+});
+
+const focusedId = (page) => page.evaluate(() => {
+  const inner = document.activeElement?.contentDocument?.activeElement;
+  return inner && inner !== document.activeElement.contentDocument.body ? inner.id : document.activeElement.id || document.activeElement.dataset?.action;
+});
+const topKind = (page) => page.evaluate(() => document.body.dataset.top);
+
+test('keyboard alone: Space, focus into each screen and back, Escape and Back close a sheet', { timeout: 180000 }, async () => {
+  const demo = await Demo.start(['--state', stateFolder()]);
+  const page = await openHost(demo, 'banner');
+  const banner = await showing(page, 'banner');
+  assert.equal(await banner.locator('html').getAttribute('lang'), 'en');
+  assert.equal(await banner.locator('html').evaluate((e) => e.ownerDocument.title), 'Consent');
+  // Focus is in the banner; "View all" gives its place to "Hide list", which reads as expanded.
+  await page.waitForFunction(() => document.activeElement?.tagName === 'IFRAME');
+  assert.equal(await focusedId(page), 'qlt-view-all');
+  await page.keyboard.press(' ');
+  await page.waitForFunction(() => document.querySelector('iframe').contentDocument.activeElement.id === 'qlt-hide-all');
+  assert.equal(await banner.locator('#qlt-hide-all').getAttribute('aria-expanded'), 'true');
+  await page.keyboard.press('Escape');  // a decision is due: the banner stays
+  assert.equal(await topKind(page), 'banner');
+  // Tab wraps around inside the banner and never reaches the page below it.
+  for (let i = 0; i < 12; ++i) {
+    await page.keyboard.press('Tab');
+    assert.ok(await page.evaluate(() => document.querySelector('.layer').contains(document.activeElement)));
+  }
+  await page.focus('button[data-action="onCustomize"]');
+  await page.keyboard.press('Enter');
+  await showing(page, 'secondLayer');
+  await page.waitForFunction(() => document.querySelector('[data-screen="secondLayer"] iframe') === document.activeElement);
+  // Space works the switches, the tabs and "Show vendors", which names its purpose.
+  const frame = () => page.frameLocator('.layer[data-screen="secondLayer"] iframe');
+  await frame().locator('#purpose-consent-1').focus();
+  await page.keyboard.press(' ');
+  await expectAttribute(page, 'secondLayer', '#purpose-consent-1', 'aria-checked', 'true');
+  assert.match(await frame().locator('#expand-2').textContent(), /^Show vendors \(\d+\): .+/);
+  await frame().locator('#expand-2').focus();
+  await page.keyboard.press(' ');
+  await expectAttribute(page, 'secondLayer', '#expand-2', 'aria-expanded', 'true');
+  assert.equal(await focusedId(page), 'expand-2');
+  // A details sheet takes the focus and keeps it; Escape closes it and the focus comes back.
+  await frame().locator('#read-more-3').focus();
+  await page.keyboard.press('Enter');
+  await showing(page, 'purposeDetails');
+  await page.waitForFunction(() => document.querySelector('[data-screen="purposeDetails"] iframe') === document.activeElement);
+  for (let i = 0; i < 25; ++i) {
+    await page.keyboard.press('Tab');
+    assert.equal(await page.evaluate(() => document.activeElement.closest('.layer')?.dataset.screen), 'purposeDetails');
+  }
+  await page.keyboard.press('Escape');
+  await page.waitForFunction(() => document.body.dataset.top === 'secondLayer');
+  await page.waitForFunction(() => document.activeElement?.contentDocument?.activeElement?.id === 'read-more-3');
+  // The browser's Back closes the top sheet too.
+  await page.keyboard.press('Enter');
+  await showing(page, 'purposeDetails');
+  await page.goBack();
+  await page.waitForFunction(() => document.body.dataset.top === 'secondLayer');
+  await tap(page, 'secondLayer', '#reject-all');
+  await demo.waitFor(/"eventType":"rejected"/);
+  await page.close();
+  await demo.stop();
+});
+
+test('a restart keeps the disclosures, a refused one says why, a switch keeps the scroll', { timeout: 240000 }, async () => {
+  const state = stateFolder();
+  const seen = [];
+  for (const run of [0, 1]) {
+    const demo = await Demo.start(['--state', state]);
+    const page = await openHost(demo, 'banner');
+    await page.click('button[data-action="onCustomize"]');
+    await showing(page, 'secondLayer');
+    await tapIn(page, 'secondLayer', '#segment-1');
+    const texts = [];
+    for (let index = 0; index < 4; ++index) {
+      await tap(page, 'secondLayer', `#vendor-details-${index}`);
+      await showing(page, 'vendorDetails');
+      await tap(page, 'vendorDetails', '#disclosure');
+      const disclosure = await showing(page, 'disclosure');
+      await disclosure.locator('text=/Storage Entries|Domains|No Data/').first().waitFor();
+      texts.push(await disclosure.locator('main').innerText());
+      await tap(page, 'disclosure', '#close');
+      await tap(page, 'vendorDetails', '#close');
+      await showing(page, 'secondLayer');
+    }
+    assert.ok(texts.every((text) => !/did not provide|could not be loaded/.test(text)), texts.join('\n--\n'));
+    assert.ok(texts.some((text) => /could not be read/.test(text)), texts.join('\n--\n'));
+    assert.ok(demo.count(/\[WARN\] \[QLT-CMP:DeviceStorageDisclosureVC\] .* was refused .*maxAgeSeconds/) > 0);
+    seen.push(texts);
+    if (run === 1) {
+      // A switch far down the vendors page changes in place: same document, same scroll.
+      const second = await showing(page, 'secondLayer');
+      const last = await second.locator('.qlt-toggle[id^="vendor-"]').last().getAttribute('id');
+      await second.locator(`#${last}`).scrollIntoViewIfNeeded();
+      const before = await second.locator('html').evaluate((e) => { window.quilletMark = 1; return e.ownerDocument.scrollingElement.scrollTop; });
+      assert.ok(before > 500, String(before));
+      await tap(page, 'secondLayer', `#${last}`);
+      await expectAttribute(page, 'secondLayer', `#${last}`, 'aria-checked', 'true');
+      const after = await second.locator('html').evaluate((e) => [window.quilletMark, e.ownerDocument.scrollingElement.scrollTop]);
+      assert.deepEqual(after, [1, before]);
+    }
+    await page.close();
+    await demo.stop();
+  }
+  assert.deepEqual(seen[1], seen[0]);
+});
+
+test('the demo names what it cannot use: a port, a configuration key', { timeout: 60000 }, async () => {
+  const folder = stateFolder();
+  const config = join(folder, 'typed.json');
+  writeFileSync(config, JSON.stringify({ showRejectButton: 'true', selectedVendorIds: '1,2', vendorListVersion: 106.5, colour: 'red' }));
+  const demo = await Demo.start(['--state', folder, '--config', config]);
+  for (const key of ['"showRejectButton"', '"selectedVendorIds"', '"vendorListVersion"', 'unknown key "colour"']) {
+    assert.ok(demo.stderr.includes(key), `${key}:\n${demo.stderr}`);
+  }
+  const port = new URL(demo.url).port;
+  const run = (args) => spawnSync(process.env.QUILLET_CLI, ['demo', '--state', folder, ...args], { encoding: 'utf8', timeout: 20000 });
+  const taken = run(['--port', port]);
+  assert.equal(taken.status, 1, taken.stderr);
+  assert.match(taken.stderr, new RegExp(`cannot listen on 127.0.0.1:${port}`));
+  const wrong = run(['--port', '99999']);
+  assert.equal(wrong.status, 2);
+  assert.match(wrong.stderr, /99999/);
   await demo.stop();
 });
