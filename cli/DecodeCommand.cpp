@@ -1,10 +1,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <string_view>
+#include <system_error>
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
@@ -152,7 +152,8 @@ int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
       in.setstate(std::ios::badbit);
     }
     if (in.bad() || failedStandardInput(in)) {
-      err << "quillet decode: cannot read standard input: " << std::strerror(errno) << '\n';
+      err << "quillet decode: cannot read standard input: "
+          << std::generic_category().message(errno) << '\n';
       allRead = false;
     }
   }

@@ -167,21 +167,8 @@ std::vector<std::string> configurationWarnings(const boost::json::object& config
                                                          {"vendorListVersion", Kind::number},
                                                          {"configVersion", Kind::number},
                                                          {"publisherCC", Kind::text}};
-  const auto kindOf = [](const boost::json::value& value) -> std::string {
-    switch (value.kind()) {
-      case boost::json::kind::string:
-        return "a text";
-      case boost::json::kind::bool_:
-        return "a boolean";
-      case boost::json::kind::null:
-        return "null";
-      case boost::json::kind::array:
-        return "an array";
-      case boost::json::kind::object:
-        return "an object";
-      default:
-        return "a number";
-    }
+  const auto kindOf = [](const boost::json::value& value) {
+    return std::string(Json::kindName(value));
   };
   std::vector<std::string> warnings;
   for (const auto& member : config) {
@@ -195,7 +182,7 @@ std::vector<std::string> configurationWarnings(const boost::json::object& config
     switch (found->second) {
       case Kind::text:
         if (!value.is_string())
-          warnings.push_back(key + " is " + kindOf(value) + ", not a text: ignored");
+          warnings.push_back(key + " is " + kindOf(value) + ", not a string: ignored");
         break;
       case Kind::boolean:
         if (!value.is_bool()) {

@@ -1,13 +1,13 @@
 #include <cctype>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <set>
 #include <string_view>
+#include <system_error>
 
 #include <boost/json/value.hpp>
 
@@ -234,7 +234,8 @@ std::optional<std::string> readAll(std::istream& in, std::string_view command,
     if (!in.bad() && !failedStandardInput(in)) return text;
   } catch (const std::exception&) {  // a file stream reports read errors this way
   }
-  err << "quillet " << command << ": cannot read " << name << ": " << std::strerror(errno) << '\n';
+  err << "quillet " << command << ": cannot read " << name << ": "
+      << std::generic_category().message(errno) << '\n';
   return std::nullopt;
 }
 
@@ -251,8 +252,8 @@ int runEncode(const EncodeOptions& options, std::istream& in, std::ostream& out,
     }
     std::ifstream file(options.input, std::ios::binary);
     if (!file) {
-      err << "quillet encode: cannot open " << options.input << ": " << std::strerror(errno)
-          << '\n';
+      err << "quillet encode: cannot open " << options.input << ": "
+          << std::generic_category().message(errno) << '\n';
       return 1;
     }
     text = readAll(file, "encode", options.input, err);

@@ -448,8 +448,11 @@ test('the demo names what it cannot use: a port, a configuration key', { timeout
   }
   const port = new URL(demo.url).port;
   const run = (args) => spawnSync(process.env.QUILLET_CLI, ['demo', '--state', folder, ...args], { encoding: 'utf8', timeout: 20000 });
-  const taken = run(['--port', port]);
+  const broken = join(folder, 'broken.json');
+  writeFileSync(broken, '{"showRejectButton": tru');
+  const taken = run(['--port', port, '--config', broken]);
   assert.equal(taken.status, 1, taken.stderr);
+  assert.match(taken.stderr, /broken\.json is not JSON/);
   assert.match(taken.stderr, new RegExp(`cannot listen on 127.0.0.1:${port}`));
   const wrong = run(['--port', '99999']);
   assert.equal(wrong.status, 2);

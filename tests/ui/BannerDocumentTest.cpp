@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "quillet/ui/CMPBannerViewController.h"
+#include "quillet/ui/Html.h"
 
 #include "support/RecordingLogSink.h"
 #include "ui/ScreenFixture.h"
@@ -236,6 +237,7 @@ TEST_F(BannerDocument, ColourTextsAreReadOneWayForLinksAndAnotherForButtons) {
     EXPECT_EQ(controls[0].colour, row.button) << label;
     EXPECT_EQ(controls[1].colour, "#D70015") << label;
     EXPECT_EQ(controls[2].colour, row.button) << label;
+    EXPECT_EQ(Html::accentColour(row.text), row.text ? row.button : "#0040DD") << label;
     const auto lines = log.lines();
     EXPECT_EQ(std::any_of(lines.begin(), lines.end(),
                           [](const std::string& line) {

@@ -55,4 +55,8 @@ QUILLET_EXPORT std::optional<boost::json::value> parse(std::string_view text);
 /// The value as compact JSON text, for log lines.
 QUILLET_EXPORT std::string print(const boost::json::value& value);
 
+/// The kind of `value` as a message names it: "null", "a boolean", "an integer", "a number",
+/// "a string", "an array" or "an object".
+QUILLET_EXPORT std::string_view kindName(const boost::json::value& value) noexcept;
+
 }  // namespace quillet::Json

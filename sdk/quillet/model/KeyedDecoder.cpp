@@ -5,29 +5,8 @@
 namespace quillet {
 namespace {
 
-std::string_view kindName(const boost::json::value& value) {
-  switch (value.kind()) {
-    case boost::json::kind::null:
-      return "null";
-    case boost::json::kind::bool_:
-      return "a boolean";
-    case boost::json::kind::int64:
-    case boost::json::kind::uint64:
-      return "an integer";
-    case boost::json::kind::double_:
-      return "a number";
-    case boost::json::kind::string:
-      return "a string";
-    case boost::json::kind::array:
-      return "an array";
-    case boost::json::kind::object:
-      return "an object";
-  }
-  return "a value";
-}
-
 std::string holds(const boost::json::value& value, std::string_view expected) {
-  return "holds " + std::string(kindName(value)) + ", expected " + std::string(expected);
+  return "holds " + std::string(Json::kindName(value)) + ", expected " + std::string(expected);
 }
 
 }  // namespace

@@ -21,8 +21,9 @@ QUILLET_EXPORT std::string escape(std::string_view text);
 QUILLET_EXPORT bool isSafeLink(std::string_view url);
 
 /// Whether `text` can stand as a CSS value inside a style element or a double-quoted style
-/// attribute without ending either: not empty, and only letters, digits, spaces, tabs and
-/// `# ( ) , . % + -`. It says nothing about whether a browser takes it as a colour.
+/// attribute without ending either: not empty, and only letters, digits, spaces, tabs, number
+/// signs, parentheses, commas, full stops, percent, plus and minus signs. It says nothing about
+/// whether a browser takes it as a colour.
 QUILLET_EXPORT bool isInertCssValue(std::string_view text);
 
 /// A colour text read as hexadecimal RGB, alpha 1, the way the native controls read it.
