@@ -124,6 +124,8 @@ test('first visit, view all, accept all, reload and restart', { timeout: 180000 
   await tap(page, 'secondLayer', '#accept-all');
   await page.waitForSelector('body[data-top="none"]');
   stored = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
+  // Once the screens are gone the focus is back on the control that opened them.
+  await page.waitForFunction(() => document.activeElement?.textContent === 'Privacy choices');
   await page.reload();
   await page.waitForSelector('#status');
   await page.waitForFunction(() => document.getElementById('status').textContent === 'Nothing is presented.');
@@ -457,5 +459,6 @@ test('the demo names what it cannot use: a port, a configuration key', { timeout
   const wrong = run(['--port', '99999']);
   assert.equal(wrong.status, 2);
   assert.match(wrong.stderr, /99999/);
+  await demo.waitFor(/^presented Consent/, { ms: 60000 });
   await demo.stop();
 });

@@ -253,6 +253,10 @@ TEST_F(Screens, PurposeSwitchesOnTheTabAndOnTheDetailsDifferAsIntended) {
   EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=8 on=false",
                                              "qlt.vendorConsentChanged id=10 on=false",
                                              "qlt.vendorConsentChanged id=755 on=false"));
+  // The second layer below shows them anew, once for all of them.
+  const auto updates = host_->updates().size();
+  main_->runUntilIdle();
+  EXPECT_EQ(host_->updates().size(), updates + 1);
   EXPECT_THAT(log.lines(), Contains("[DEBUG] [QLT-CMP:PurposeDetailsVC]   └─ vendor 755 consent "
                                     "auto\u2011set → false"));
   tap("quillet://close");  // back on the tab, which reads the switches back

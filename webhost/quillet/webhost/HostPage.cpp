@@ -388,11 +388,17 @@ async function refresh() {
   });
   const visible = state.screens.filter((s) => !s.hidden);
   const top = visible.length ? visible.at(-1).id : null;
-  if (top !== topId) {
+  const changedTop = top !== topId;
+  if (changedTop) {
     const previous = layers.get(topId);
     if (topId === null) pageFocus = document.activeElement !== document.body ? document.activeElement : null;
     else if (previous && top !== null) remember(previous);
     topId = top;
+  }
+  // Only the top layer can hold focus; it must be so before focus moves into it.
+  for (const [id, layer] of layers) layer.el.inert = id !== topId;
+  document.getElementById('app').inert = topId !== null;
+  if (changedTop) {
     const layer = layers.get(top);
     if (layer) {
       layer.wantsFocus = true;
@@ -401,8 +407,6 @@ async function refresh() {
       pageFocus.focus();
     }
   }
-  for (const [id, layer] of layers) layer.el.inert = id !== topId;
-  document.getElementById('app').inert = topId !== null;
   document.body.dataset.top = visible.length ? visible.at(-1).kind : 'none';
   document.getElementById('status').textContent =
     visible.length ? `Showing: ${visible.at(-1).title}` : 'Nothing is presented.';
