@@ -205,20 +205,23 @@ std::vector<std::string> warningsFor(const EncodeRequest& request) {
   width("vendorListVersion", in.vendorListVersion, 12);
   width("policyVersion", in.policyVersion, 6);
 
+  // The encoder writes one 6-bit field per byte of the first two characters, upper-cased.
   const auto code = [&](std::string_view name, const std::string& text) {
-    const bool asciiLetters = std::all_of(text.begin(), text.end(), [](char c) {
-      return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    });
-    if (asciiLetters && text.size() == 2) return;
+    const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    const auto isLetter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
+    if (text.size() == 2 && std::all_of(text.begin(), text.end(), isLetter)) return;
     const std::string what = std::string(name) + " \"" + text + "\" is not two letters A to Z: ";
-    if (asciiLetters && text.size() > 2) {
-      std::string written = text.substr(0, 2);
-      for (auto& c : written)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-      warnings.push_back(what + "only \"" + written + "\" is written");
-    } else {
+    if (text.size() < 2 || !std::all_of(text.begin(), text.end(), isAscii)) {
       warnings.push_back(what + "every field after it moves out of place");
+      return;
     }
+    std::string written = text.substr(0, 2);
+    for (auto& c : written)
+      c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    warnings.push_back(what + "\"" + written + "\" is written" +
+                       (std::all_of(written.begin(), written.end(), isLetter)
+                            ? ""
+                            : ", which no reader takes for letters"));
   };
   code("consentLanguage", in.consentLanguage);
   code("publisherCC", in.publisherCC);

@@ -206,13 +206,16 @@ TEST(EncodeCommand, NamesWhatTheEncoderWouldDropOrClipAndRefusesItUnderStrict) {
       {R"("vendorConsents": [11, 0])", "vendorConsents holds 11, 0, outside 1 to 10: not written"},
       {R"("vendorLegitimateInterests": [5])",
        "vendorLegitimateInterests holds 5, not in gvlVendorIds: written all the same"},
-      {R"("disclosedVendors": [12])", "disclosedVendors holds 12, outside 1 to 10"},
+      {R"("disclosedVendors": [5])", "disclosedVendors holds 5, not in gvlVendorIds"},
       {R"("purposeConsents": [25])", "purposeConsents holds 25, outside 1 to 24"},
       {R"("specialFeatureOptins": [13])", "specialFeatureOptins holds 13, outside 1 to 12"},
       {R"("cmpId": 5000)", "cmpId 5000 does not fit in 12 bits: 904 is written"},
       {R"("policyVersion": 64)", "policyVersion 64 does not fit in 6 bits: 0 is written"},
+      {R"("vendorListVersion": 4097)", "vendorListVersion 4097 does not fit in 12 bits: 1 is"},
       {R"("consentLanguage": "eng")",
-       R"(consentLanguage "eng" is not two letters A to Z: only "EN" is written)"},
+       R"(consentLanguage "eng" is not two letters A to Z: "EN" is written)"},
+      {R"("consentLanguage": "[a")",
+       R"(consentLanguage "[a" is not two letters A to Z: "[A" is written, which no reader takes)"},
       {R"("publisherCC": "d")",
        R"(publisherCC "d" is not two letters A to Z: every field after it moves out of place)"},
   };
@@ -227,8 +230,13 @@ TEST(EncodeCommand, NamesWhatTheEncoderWouldDropOrClipAndRefusesItUnderStrict) {
     EXPECT_THAT(strict.out, IsEmpty()) << input;
     EXPECT_THAT(strict.err, HasSubstr(expected)) << input;
   }
+  // The edges of every range pass.
   EXPECT_THAT(
-      quillet({"encode", "--strict"}, R"({"gvlVendorIds": [3], "vendorConsents": [3]})").err,
+      quillet({"encode", "--strict"},
+              R"({"gvlVendorIds": [1, 3], "vendorConsents": [1, 3], "purposeConsents": [1, 24],
+                          "specialFeatureOptins": [12], "cmpId": 4095, "consentLanguage": "az",
+                          "publisherCC": "ZA"})")
+          .err,
       IsEmpty());
 }
 

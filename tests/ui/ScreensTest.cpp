@@ -458,6 +458,7 @@ TEST_F(Screens, DocumentsEscapeEveryTextAndLinkOnlyToSafeAddresses) {
   EXPECT_THAT(all, HasSubstr("&lt;img src=x onerror=alert(1)&gt;"));
   EXPECT_FALSE(Html::isSafeLink("javascript:alert(1)"));
   EXPECT_FALSE(Html::isSafeLink("https://a.example/\"onclick=x"));
+  EXPECT_FALSE(Html::isSafeLink("https://a.example/a b"));
   EXPECT_TRUE(Html::isSafeLink("HTTPS://a.example/p?q=1"));
   EXPECT_TRUE(Html::isSafeLink("mailto:dpo@example.com"));
   // Links the screens do not know are not followed either.
