@@ -1,5 +1,6 @@
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include <boost/json/parse.hpp>
 #include <gmock/gmock.h>
@@ -15,7 +16,6 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 
 using Outcome = testing::ChildProcess::Result;
 
@@ -171,64 +171,56 @@ TEST(EncodeCommand, WritesTheStringItsMembersDescribe) {
   EXPECT_EQ(defaults->publisherCountryCode, "US");
 }
 
-TEST(EncodeCommand, RefusesInputThatWouldStopTheEncoder) {
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {R"({"purposeConsents": [1]})", "gvlVendorIds"},
-      {R"({"gvlVendorIds": []})", "gvlVendorIds"},
-      {R"({"gvlVendorIds": [0, -4]})", "positive"},
-      {R"({"gvlVendorIds": [3], "cmpId": -1})", "cmpId"},
-      {R"({"gvlVendorIds": [3], "policyVersion": 1.5})", "policyVersion"},
-      {R"({"gvlVendorIds": [3], "consentLanguage": "e1"})", "consentLanguage"},
-      {R"({"gvlVendorIds": [3], "publisherCC": 7})", "publisherCC"},
-      {R"({"gvlVendorIds": [3], "vendorConsents": [1, "2"]})", "vendorConsents"},
-      {R"({"gvlVendorIds": [3], "isServiceSpecific": "yes"})", "isServiceSpecific"},
-      {R"({"gvlVendorIds": [3], "created": 68719476736})", "created"},
-      {R"({"gvlVendorIds": [3], "purposeConsent": [1]})", "unknown member"},
-      {R"({"gvlVendorIds": [3],)", "not JSON"},
-      {R"([1, 2])", "one JSON object"},
+TEST(EncodeCommand, RefusesWhatWouldStopTheEncoderAndNamesWhatItWouldDropOrClip) {
+  // Rows that only warn are encoded with a warning, and refused under --strict; the others are
+  // refused either way.
+  const std::string list = R"({"gvlVendorIds": [10, 3], )";
+  const std::vector<std::tuple<std::string, std::string, bool>> cases{
+      {R"({"purposeConsents": [1]})", "gvlVendorIds", false},
+      {R"({"gvlVendorIds": []})", "gvlVendorIds", false},
+      {R"({"gvlVendorIds": [0, -4]})", "positive", false},
+      {list + R"("cmpId": -1})", "cmpId", false},
+      {list + R"("policyVersion": 1.5})", "policyVersion", false},
+      {list + R"("consentLanguage": "e1"})", "consentLanguage", false},
+      {list + R"("publisherCC": 7})", "publisherCC", false},
+      {list + R"("vendorConsents": [1, "2"]})", "vendorConsents", false},
+      {list + R"("isServiceSpecific": "yes"})", "isServiceSpecific", false},
+      {list + R"("created": 68719476736})", "created", false},
+      {list + R"("purposeConsent": [1]})", "unknown member", false},
+      {list, "not JSON", false},
+      {R"([1, 2])", "one JSON object", false},
+      {list + R"("vendorConsents": [11, 0]})",
+       "vendorConsents holds 11, 0, outside 1 to 10: not written", true},
+      {list + R"("vendorLegitimateInterests": [5]})",
+       "vendorLegitimateInterests holds 5, not in gvlVendorIds: written all the same", true},
+      {list + R"("disclosedVendors": [5]})", "disclosedVendors holds 5, not in gvlVendorIds", true},
+      {list + R"("purposeConsents": [25]})", "purposeConsents holds 25, outside 1 to 24", true},
+      {list + R"("specialFeatureOptins": [13]})", "specialFeatureOptins holds 13, outside 1 to 12",
+       true},
+      {list + R"("cmpId": 5000})", "cmpId 5000 does not fit in 12 bits: 904 is written", true},
+      {list + R"("policyVersion": 64})", "policyVersion 64 does not fit in 6 bits: 0 is", true},
+      {list + R"("vendorListVersion": 4097})", "vendorListVersion 4097 does not fit in 12 bits: 1",
+       true},
+      {list + R"("consentLanguage": "eng"})",
+       R"(consentLanguage "eng" is not two letters A to Z: "EN" is written)", true},
+      {list + R"("consentLanguage": "[a"})",
+       R"(consentLanguage "[a" is not two letters A to Z: "[A" is written, which no reader takes)",
+       true},
+      {list + R"("publisherCC": "d"})",
+       R"(publisherCC "d" is not two letters A to Z: every field after it moves out of place)",
+       true},
   };
-  for (const auto& [input, expected] : cases) {
-    const Outcome run = quillet({"encode"}, input);
-    EXPECT_EQ(run.status, 1) << input;
-    EXPECT_THAT(run.out, IsEmpty()) << input;
-    EXPECT_THAT(run.err, HasSubstr(expected)) << input;
-  }
-  for (const auto& [path, expected] :
-       {std::pair{"/nonexistent/input.json", "cannot open"}, std::pair{"/tmp", "it is a folder"}}) {
-    const Outcome run = quillet({"encode", "--input", path});
-    EXPECT_EQ(run.status, 1) << path;
-    EXPECT_THAT(run.err, HasSubstr(expected)) << path;
-  }
-}
-
-TEST(EncodeCommand, NamesWhatTheEncoderWouldDropOrClipAndRefusesItUnderStrict) {
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {R"("vendorConsents": [11, 0])", "vendorConsents holds 11, 0, outside 1 to 10: not written"},
-      {R"("vendorLegitimateInterests": [5])",
-       "vendorLegitimateInterests holds 5, not in gvlVendorIds: written all the same"},
-      {R"("disclosedVendors": [5])", "disclosedVendors holds 5, not in gvlVendorIds"},
-      {R"("purposeConsents": [25])", "purposeConsents holds 25, outside 1 to 24"},
-      {R"("specialFeatureOptins": [13])", "specialFeatureOptins holds 13, outside 1 to 12"},
-      {R"("cmpId": 5000)", "cmpId 5000 does not fit in 12 bits: 904 is written"},
-      {R"("policyVersion": 64)", "policyVersion 64 does not fit in 6 bits: 0 is written"},
-      {R"("vendorListVersion": 4097)", "vendorListVersion 4097 does not fit in 12 bits: 1 is"},
-      {R"("consentLanguage": "eng")",
-       R"(consentLanguage "eng" is not two letters A to Z: "EN" is written)"},
-      {R"("consentLanguage": "[a")",
-       R"(consentLanguage "[a" is not two letters A to Z: "[A" is written, which no reader takes)"},
-      {R"("publisherCC": "d")",
-       R"(publisherCC "d" is not two letters A to Z: every field after it moves out of place)"},
-  };
-  for (const auto& [member, expected] : cases) {
-    const std::string input = R"({"gvlVendorIds": [10, 3], )" + member + "}";
-    const Outcome warned = quillet({"encode"}, input);
-    EXPECT_EQ(warned.status, 0) << input;
-    EXPECT_THAT(warned.out, Not(IsEmpty())) << input;
-    EXPECT_THAT(warned.err, HasSubstr("quillet encode: warning: " + expected)) << input;
-    const Outcome strict = quillet({"encode", "--strict"}, input);
-    EXPECT_EQ(strict.status, 1) << input;
-    EXPECT_THAT(strict.out, IsEmpty()) << input;
-    EXPECT_THAT(strict.err, HasSubstr(expected)) << input;
+  for (const auto& [input, expected, warnsOnly] : cases) {
+    for (const bool strict : {false, true}) {
+      const bool encoded = warnsOnly && !strict;
+      const Outcome run = quillet(strict ? std::vector<std::string>{"encode", "--strict"}
+                                         : std::vector<std::string>{"encode"},
+                                  input);
+      EXPECT_EQ(run.status, encoded ? 0 : 1) << input;
+      EXPECT_EQ(run.out.empty(), !encoded) << input;
+      EXPECT_THAT(run.err, HasSubstr((encoded ? "quillet encode: warning: " : "") + expected))
+          << input;
+    }
   }
   // The edges of every range pass.
   EXPECT_THAT(
@@ -238,6 +230,12 @@ TEST(EncodeCommand, NamesWhatTheEncoderWouldDropOrClipAndRefusesItUnderStrict) {
                           "publisherCC": "ZA"})")
           .err,
       IsEmpty());
+  for (const auto& [path, expected] :
+       {std::pair{"/nonexistent/input.json", "cannot open"}, std::pair{"/tmp", "it is a folder"}}) {
+    const Outcome run = quillet({"encode", "--input", path});
+    EXPECT_EQ(run.status, 1) << path;
+    EXPECT_THAT(run.err, HasSubstr(expected)) << path;
+  }
 }
 
 TEST(Command, UsageErrorsHelpAndVersion) {

@@ -193,7 +193,7 @@ TEST_F(BannerDocument, StackTextsAreEscapedTheBannersWay) {
   EXPECT_EQ(screen->document(), expected.document());
 }
 
-TEST_F(BannerDocument, BrandColourAndCustomizeAnchorAreUsedAsGiven) {
+TEST_F(BannerDocument, BrandColourAndCustomizeAnchorAreUsedAsGivenAndEscaped) {
   Expected expected;
   expected.linkColour = "#112233";
   expected.preview = kNoStacks;
@@ -202,6 +202,10 @@ TEST_F(BannerDocument, BrandColourAndCustomizeAnchorAreUsedAsGiven) {
             expected.document());
   expected.anchor = "#already";
   EXPECT_EQ(banner({.brandColor = "#112233", .customizeLinkId = "#already"}, "{}")->document(),
+            expected.document());
+  expected.anchor = "#x&quot; onmouseover=&quot;alert(1)";
+  EXPECT_EQ(banner({.brandColor = "#112233", .customizeLinkId = "x\" onmouseover=\"alert(1)"}, "{}")
+                ->document(),
             expected.document());
 }
 
@@ -246,14 +250,6 @@ TEST_F(BannerDocument, ColourTextsAreReadOneWayForLinksAndAnotherForButtons) {
               row.warned)
         << label;
   }
-}
-
-TEST_F(BannerDocument, TheCustomizeAnchorIsEscaped) {
-  Expected expected;
-  expected.preview = kNoStacks;
-  expected.anchor = "#x&quot; onmouseover=&quot;alert(1)";
-  EXPECT_EQ(banner({.customizeLinkId = "x\" onmouseover=\"alert(1)"}, "{}")->document(),
-            expected.document());
 }
 
 TEST_F(BannerDocument, ButtonsFollowTheConfiguration) {
