@@ -14,10 +14,10 @@
 #include <benchmark/benchmark.h>
 #include <httplib.h>
 
-#include "quillet/core/AnalyticsRegistry.h"
-#include "quillet/core/Clock.h"
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/AnalyticsRegistry.h"
+#include "quillet/base/Clock.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/SqliteKeyValueStore.h"

@@ -11,7 +11,8 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/PurposeModel.h"
@@ -83,14 +84,15 @@ void SaveAndLoadVendorList(benchmark::State& state) {
   std::string pattern = (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   const std::filesystem::path directory = pattern;
-  ConsentStorage::setStore(SqliteKeyValueStore::open(directory / "store.sqlite").value());
+  Platform::install(
+      {.keyValueStore = SqliteKeyValueStore::open(directory / "store.sqlite").value()});
   const auto document = Json::parse(vendorListText());
   const boost::json::object& gvl = document->get_object();
   for (auto _ : state) {
     ConsentStorage::saveGVL(gvl);
     benchmark::DoNotOptimize(ConsentStorage::loadGVL());
   }
-  ConsentStorage::setStore(nullptr);
+  Platform::install({});
   std::filesystem::remove_all(directory);
 }
 BENCHMARK(SaveAndLoadVendorList)->Unit(benchmark::kMillisecond);

@@ -15,6 +15,7 @@
 #include <curl/curl.h>
 #include <httplib.h>
 
+#include "quillet/base/Platform.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -70,9 +71,9 @@ Server& server() {
 
 void runCombined(benchmark::State& state, const std::shared_ptr<KeyValueStore>& store) {
   auto http = std::make_shared<CurlHttpClient>();
-  ConsentStorage::setStore(store);
-  QLTAPIServer::setEnvironment(
-      {.httpClient = http, .endpoints = Endpoints{server().base(), "http://127.0.0.1:1"}});
+  Platform::install({.keyValueStore = store,
+                     .httpClient = http,
+                     .endpoints = Endpoints{server().base(), "http://127.0.0.1:1"}});
   for (auto _ : state) {
     store->remove(StorageKeys::vendorListVersion);  // so that every round downloads
     std::promise<bool> done;
@@ -83,8 +84,7 @@ void runCombined(benchmark::State& state, const std::shared_ptr<KeyValueStore>& 
         });
     if (!done.get_future().get()) state.SkipWithError("the combined fetch failed");
   }
-  QLTAPIServer::setEnvironment({});
-  ConsentStorage::setStore(nullptr);
+  Platform::install({});
 }
 
 void CombinedFetchMemoryStore(benchmark::State& state) {

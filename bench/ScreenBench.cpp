@@ -2,8 +2,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/storage/MemoryKeyValueStore.h"

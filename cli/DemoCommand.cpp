@@ -12,16 +12,16 @@
 #include <httplib.h>
 #include <pthread.h>
 
+#include "quillet/base/AnalyticsRegistry.h"
+#include "quillet/base/Endpoints.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/codec/TCString.h"
-#include "quillet/core/AnalyticsRegistry.h"
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
 #include "quillet/core/QuilletCMP.h"
-#include "quillet/core/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/CurlHttpClient.h"
-#include "quillet/network/Endpoints.h"
 #include "quillet/network/HttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/ConsentStorage.h"

@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "quillet/core/Version.h"
+#include "quillet/base/Version.h"
 
 #include "Commands.h"
 

@@ -10,13 +10,12 @@
 #include <memory>
 #include <string>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/Endpoints.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
-#include "quillet/network/Endpoints.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
-#include "quillet/storage/StorageKeys.h"
 #include "quillet/ui/ScreenHost.h"
 
 namespace {
@@ -59,8 +58,7 @@ int main(int argc, char** argv) {
                               .mainQueue = mainQueue,
                               .screenHost = std::make_shared<PrintingHost>()});
   quillet::QuilletCMP::shared().initialize(argv[3], [mainQueue] {
-    const auto stored =
-        quillet::ConsentStorage::store()->readString(quillet::StorageKeys::tcString);
+    const auto stored = quillet::ConsentStorage::getTCString();
     std::printf("start-up complete; stored TC String: %s\n", stored.value_or("(none)").c_str());
     mainQueue->stop();
   });

@@ -12,7 +12,18 @@
 
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
-#include "quillet/core/Text.h"
+
+namespace {
+
+// "[1, 2, 7]".
+std::string listed(const std::vector<std::int64_t>& ids) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < ids.size(); ++i)
+    out += (i > 0 ? ", " : "") + std::to_string(ids[i]);
+  return out + "]";
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 2) {
@@ -32,10 +43,8 @@ int main(int argc, char** argv) {
     std::printf("  CMP %d version %d, vendor list %d, language %s, country %s\n", tc.cmpId,
                 tc.cmpVersion, tc.vendorListVersion, tc.consentLanguage.c_str(),
                 tc.publisherCountryCode.c_str());
-    std::printf("  purposes consented: %s\n",
-                quillet::Text::printedList(tc.purposeConsents.ids()).c_str());
-    std::printf("  vendors consented: %s\n",
-                quillet::Text::printedList(tc.vendorConsents.ids).c_str());
+    std::printf("  purposes consented: %s\n", listed(tc.purposeConsents.ids()).c_str());
+    std::printf("  vendors consented: %s\n", listed(tc.vendorConsents.ids).c_str());
     std::printf(
         "  every purpose 1 to 10 given: %s\n",
         quillet::QLTCMPUtils::allPurposesGiven(

@@ -11,7 +11,7 @@
 #include <set>
 #include <thread>
 
-#include "quillet/core/Platform.h"
+#include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"

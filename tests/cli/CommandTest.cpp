@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/base/Version.h"
 #include "quillet/codec/TCString.h"
-#include "quillet/core/Version.h"
 
 #include "support/ChildProcess.h"
 

@@ -2,11 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/base/QltLog.h"
 #include "quillet/codec/Base64Url.h"
 #include "quillet/codec/BitReader.h"
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
-#include "quillet/core/QltLog.h"
 
 #include "support/RecordingLogSink.h"
 

@@ -2,14 +2,20 @@
 //
 //   facade_tool STORE --cdn URL --api URL [--decide accept|reject|none]
 //   facade_tool STORE --serve VENDOR_LIST_FILE CONFIG_JSON [--decide ...]
+//   facade_tool STORE --serve VENDOR_LIST_FILE CONFIG_JSON --exit-in-flight
 //
 // It installs a platform on the SQLite store at STORE (with its own loopback server when
 // --serve is given), calls initialize("pub"), answers the banner as --decide says, and prints
 // what happened, one fact per line: "banner presented", "consent mode: k=v ...",
 // "TCString already present → ..." (from the log), "completion", "stored: <TC String>".
+// With --exit-in-flight it starts up on the library's default HTTP client, logging, and calls
+// std::exit while its server holds every answer back; the answers go out only once the exit has
+// destroyed what it destroys, so that the library's threads run on through the process's end.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -17,10 +23,10 @@
 
 #include <httplib.h>
 
-#include "quillet/core/AnalyticsRegistry.h"
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
+#include "quillet/base/AnalyticsRegistry.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
@@ -113,9 +119,20 @@ std::string fileText(const char* path) {
   return out.str();
 }
 
+// Trivially destructible, so that the exit handler below may still read and write it.
+std::atomic<bool> answersReleased{true};
+
+void releaseAnswersAtExit() {
+  answersReleased = true;
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Registered before the library constructs anything, so it runs after the library's
+  // process-wide instances would have been destroyed.
+  std::atexit(releaseAnswersAtExit);
   if (argc < 2) return 2;
   std::string cdn, api, decide = "accept";
   std::string servedList, servedConfig;
@@ -127,6 +144,8 @@ int main(int argc, char** argv) {
       api = argv[++i];
     else if (arg == "--decide" && i + 1 < argc)
       decide = argv[++i];
+    else if (arg == "--exit-in-flight")
+      decide = "exit";
     else if (arg == "--serve" && i + 2 < argc) {
       servedList = fileText(argv[++i]);
       servedConfig = argv[++i];
@@ -136,14 +155,22 @@ int main(int argc, char** argv) {
   }
   httplib::Server server;
   std::thread serving;
+  if (decide == "exit") answersReleased = false;
+  const auto held = [] {
+    while (!answersReleased)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  };
   if (!servedList.empty()) {
     server.Get("/cdn/pub/banner_config.json", [&](const httplib::Request&, httplib::Response& r) {
+      held();
       r.set_content(servedConfig, "application/octet-stream");
     });
     server.Get("/cdn/gvl.json", [&](const httplib::Request&, httplib::Response& r) {
+      held();
       r.set_content(servedList, "application/octet-stream");
     });
-    server.Post(R"(/api/.*)", [](const httplib::Request&, httplib::Response& r) {
+    server.Post(R"(/api/.*)", [&](const httplib::Request&, httplib::Response& r) {
+      held();
       r.set_content("{}", "application/json");
     });
     const int port = server.bind_to_any_port("127.0.0.1");
@@ -156,6 +183,17 @@ int main(int argc, char** argv) {
   if (!opened) {
     std::fprintf(stderr, "%s\n", opened.error().c_str());
     return 1;
+  }
+  if (decide == "exit") {
+    Platform::install(
+        {.keyValueStore = std::move(opened).value(), .endpoints = Endpoints{cdn, api}});
+    QltLog::setSink(std::make_shared<PrintingLog>());
+    QltLog::setEnabled(true);
+    QuilletCMP::shared().initialize("pub");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::printf("exiting\n");
+    std::fflush(stdout);
+    std::exit(0);
   }
   std::optional<ConsentAction> answer;
   if (decide == "accept") answer = ConsentAction::acceptAll();

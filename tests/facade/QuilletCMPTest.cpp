@@ -1,4 +1,6 @@
 #include <atomic>
+#include <cstdlib>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -6,11 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/base/Clock.h"
+#include "quillet/base/Locale.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/codec/TCString.h"
-#include "quillet/core/Locale.h"
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
@@ -28,6 +31,7 @@
 #include "support/RecordingLogSink.h"
 #include "support/RecordingScreenHost.h"
 #include "support/TempDirectory.h"
+#include "support/TestData.h"
 #include "support/TestServer.h"
 
 namespace quillet {
@@ -383,6 +387,31 @@ TEST_F(QuilletCMPTest, ASecondProcessWithTheStoredStringShowsNoBanner) {
   EXPECT_LT(refreshed, completion);
   EXPECT_EQ(server_.count("/cdn/pub/banner_config.json"), 2U);
   EXPECT_EQ(server_.count("/api/v1/analytics/events"), 2U);
+}
+
+// The whole banner document of the configuration and vendor list that the demo ships, pinned in
+// testdata/golden/demo-banner.html; QUILLET_UPDATE_GOLDEN=1 rewrites that file instead.
+TEST_F(QuilletCMPTest, TheBundledDemoConfigurationShowsItsGoldenBanner) {
+  server_.reply("pub/banner_config.json",
+                Reply{.body = testing::testdataText("banner_config.json")});
+  server_.reply("gvl.json", Reply{.body = testing::testdataText("gvl-v3-106.json")});
+  std::atomic<int> completed{0};
+  startUntilBanner(completed);
+  const std::string document = host_->presented()[0].screen->document();
+  const std::string golden = "golden/demo-banner.html";
+  if (std::getenv("QUILLET_UPDATE_GOLDEN") != nullptr) {
+    std::ofstream(std::string(QUILLET_TESTDATA_DIR) + "/" + golden, std::ios::binary) << document;
+  }
+  EXPECT_EQ(document, testing::testdataText(golden));
+}
+
+TEST_F(QuilletCMPTest, AHostMayExitWhileAFetchAndAPostAreInFlight) {
+  const std::string vendorList = (directory_ / "gvl.json").string();
+  std::ofstream(vendorList) << testing::kSmallVendorList;
+  const auto run = runTool({(directory_ / "exit.sqlite").string(), "--serve", vendorList,
+                            testing::kSmallConfig, "--exit-in-flight"});
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_THAT(run.out, ::testing::HasSubstr("exiting\n"));
 }
 
 }  // namespace

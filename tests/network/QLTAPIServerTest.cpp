@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/Clock.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -34,7 +36,6 @@ struct Fetched {
 class QLTAPIServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ConsentStorage::setStore(store_);
     useEndpoints(server_.cdnBase(), server_.apiBase());
     QLTAPIServer::clearCache();
     QltLog::setSink(log_);
@@ -43,17 +44,16 @@ class QLTAPIServerTest : public ::testing::Test {
   void TearDown() override {
     QltLog::setEnabled(false);
     QltLog::setSink(nullptr);
-    QLTAPIServer::setEnvironment({});
+    Platform::install({});
     QLTAPIServer::clearCache();
-    ConsentStorage::setStore(nullptr);
   }
 
   void useEndpoints(std::string cdn, std::string api) {
-    QLTAPIServer::setEnvironment(
-        {.httpClient = http_,
-         .endpoints = Endpoints{std::move(cdn), std::move(api)},
-         .clock = clock_,
-         .makeUuid = [this] { return "UUID-" + std::to_string(++uuids_); }});
+    Platform::install({.keyValueStore = store_,
+                       .httpClient = http_,
+                       .endpoints = Endpoints{std::move(cdn), std::move(api)},
+                       .clock = clock_,
+                       .makeUuid = [this] { return "UUID-" + std::to_string(++uuids_); }});
   }
 
   // Serves a configuration for `id` whose vendorListVersion is `version`.

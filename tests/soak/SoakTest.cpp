@@ -16,7 +16,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include "quillet/core/Platform.h"
+#include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"

@@ -4,7 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
@@ -83,7 +84,7 @@ TEST(NotificationCenter, ManyThreadsPostAndSubscribeAtOnce) {
 class ConsentStores : public ::testing::Test {
  protected:
   void SetUp() override {
-    ConsentStorage::setStore(store_);
+    Platform::install({.keyValueStore = store_});
     PurposeConsentStore::shared().replaceStates({});
     VendorConsentStore::shared().replaceStates({});
     SpecialFeatureConsentStore::shared().replaceMasterStates({});
@@ -91,7 +92,7 @@ class ConsentStores : public ::testing::Test {
     PendingConsentStore::shared().reset({}, {}, {});
     announced_.take();
   }
-  void TearDown() override { ConsentStorage::setStore(nullptr); }
+  void TearDown() override { Platform::install({}); }
 
   std::shared_ptr<MemoryKeyValueStore> store_ = std::make_shared<MemoryKeyValueStore>();
   testing::Announcements announced_;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "quillet/base/Platform.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
@@ -24,9 +25,9 @@ class ConsentStorageTest : public ::testing::TestWithParam<std::string> {
     } else {
       store_ = SqliteKeyValueStore::open(directory_ / "store.sqlite").value();
     }
-    ConsentStorage::setStore(store_);
+    Platform::install({.keyValueStore = store_});
   }
-  void TearDown() override { ConsentStorage::setStore(nullptr); }
+  void TearDown() override { Platform::install({}); }
 
   testing::TempDirectory directory_;
   std::shared_ptr<KeyValueStore> store_;
@@ -101,12 +102,11 @@ INSTANTIATE_TEST_SUITE_P(Stores, ConsentStorageTest, ::testing::Values("memory",
 TEST(ConsentStorageDefault, OpensTheSqliteStoreAtTheDefaultPathOnFirstUse) {
   const testing::TempDirectory home;
   const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", home.path().string());
-  ConsentStorage::setStore(nullptr);
+  Platform::install({});
   ConsentStorage::saveConsent(true, "CQ-default");
   EXPECT_TRUE(std::filesystem::exists(home / "quillet/store.sqlite"));
-  ConsentStorage::setStore(nullptr);  // a fresh open of the same file
+  Platform::install({});  // a fresh open of the same file
   EXPECT_EQ(ConsentStorage::getTCString(), "CQ-default");
-  ConsentStorage::setStore(nullptr);
 }
 
 }  // namespace

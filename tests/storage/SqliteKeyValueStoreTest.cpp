@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
 #include "support/ChildProcess.h"

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 
 namespace quillet::testing {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "quillet/core/AnalyticsRegistry.h"
+#include "quillet/base/AnalyticsRegistry.h"
 #include "quillet/ui/CMPBannerViewController.h"
 #include "quillet/ui/ScreenHost.h"
 #include "quillet/ui/SecondLayerViewController.h"

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/state/PendingConsentStore.h"

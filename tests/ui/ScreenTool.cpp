@@ -16,8 +16,8 @@
 
 #include <boost/json/serialize.hpp>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/model/Json.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/ui/CMPBannerViewController.h"

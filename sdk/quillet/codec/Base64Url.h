@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Bytes.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Bytes.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

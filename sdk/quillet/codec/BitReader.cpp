@@ -1,6 +1,6 @@
 #include "quillet/codec/BitReader.h"
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 

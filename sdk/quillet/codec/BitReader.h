@@ -5,8 +5,8 @@
 #include <span>
 #include <vector>
 
-#include "quillet/core/Bytes.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Bytes.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 

@@ -4,8 +4,8 @@
 #include <span>
 #include <vector>
 
-#include "quillet/core/Bytes.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Bytes.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

@@ -7,12 +7,12 @@
 #include <ratio>
 #include <unordered_set>
 
+#include "quillet/base/Fatal.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/codec/Base64Url.h"
 #include "quillet/codec/BitReader.h"
 #include "quillet/codec/BitWriter.h"
-#include "quillet/core/Fatal.h"
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
 
 namespace quillet::QLTCMPUtils {
 namespace {

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "quillet/core/Clock.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Clock.h"
+#include "quillet/base/Export.h"
 
 /// The TC String encoder and decoder of this library, and the id-list helpers that go with them.
 ///

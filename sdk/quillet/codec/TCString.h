@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "quillet/core/Export.h"
-#include "quillet/core/Result.h"
+#include "quillet/base/Export.h"
+#include "quillet/base/Result.h"
 
 namespace quillet {
 

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <vector>
 
+#include "quillet/base/AnalyticsRegistry.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/codec/QLTCMPUtils.h"
-#include "quillet/core/AnalyticsRegistry.h"
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
 
 namespace quillet::GoogleConsentMode {
 namespace {

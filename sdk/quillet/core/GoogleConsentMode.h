@@ -4,8 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 class AnalyticsRegistry;
@@ -16,11 +14,11 @@ class AnalyticsRegistry;
 namespace GoogleConsentMode {
 
 /// The four signals for a TC String (only its core segment is read).
-QUILLET_EXPORT std::map<std::string, std::string> signalsFor(std::string_view tcString);
+std::map<std::string, std::string> signalsFor(std::string_view tcString);
 
 /// Logs the signals and hands them to the receiver registered as "FIRAnalytics", when there is
 /// one. Runs on the caller's thread; keeps no state.
-QUILLET_EXPORT void update(std::string_view tcString, const AnalyticsRegistry& registry);
+void update(std::string_view tcString, const AnalyticsRegistry& registry);
 
 }  // namespace GoogleConsentMode
 }  // namespace quillet

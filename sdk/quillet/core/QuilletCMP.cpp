@@ -3,14 +3,15 @@
 #include <algorithm>
 #include <future>
 
+#include "quillet/base/Fatal.h"
+#include "quillet/base/Locale.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/codec/QLTCMPUtils.h"
-#include "quillet/core/Fatal.h"
+#include "quillet/core/ConsentDecision.h"
 #include "quillet/core/GoogleConsentMode.h"
-#include "quillet/core/Locale.h"
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/network/QLTAPIServer.h"
@@ -47,24 +48,6 @@ bool contains(const Ids& sorted, std::int64_t id) {
   return std::binary_search(sorted.begin(), sorted.end(), id);
 }
 
-// A vendor's declared list ("purposes" or "legIntPurposes") as integers; nothing contributes
-// when the vendor, the key or the type is missing.
-Ids declared(const boost::json::object& gvlVendors, std::int64_t vendorId, std::string_view key) {
-  const boost::json::object* entry =
-      Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
-  if (entry == nullptr) return {};
-  return Json::exactIntegerArray(Json::member(*entry, key)).value_or(Ids{});
-}
-
-// The five lists of the TC String for one action.
-struct Choices {
-  Ids purposeConsents;
-  Ids purposeLegitimateInterests;
-  Ids specialFeatureOptins;
-  Ids vendorConsents;
-  Ids vendorLegitimateInterests;
-};
-
 // Process-wide: the last consent event handed to the network, to skip exact repeats.
 struct LastPosted {
   std::mutex mutex;
@@ -77,24 +60,13 @@ LastPosted& lastPosted() {
   return *instance;
 }
 
-std::string_view eventTypeOf(const ConsentAction& action) {
-  switch (action.kind()) {
-    case ConsentAction::Kind::acceptAll:
-      return "accepted";
-    case ConsentAction::Kind::rejectAll:
-      return "rejected";
-    case ConsentAction::Kind::customize:
-      return "customized";
-  }
-  return "customized";
-}
-
 }  // namespace
 
 struct QuilletCMP::Snapshot {
   std::optional<std::string> settingsId;
   std::optional<BrandingConfig> config;
   std::shared_ptr<const boost::json::object> gvl;
+  std::shared_ptr<const VendorList::Facts> facts;
   std::vector<PurposeModel> purposes;
   std::vector<VendorModel> vendors;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
@@ -125,7 +97,7 @@ std::shared_ptr<QuilletCMP> QuilletCMP::create() {
 
 QuilletCMP::Snapshot QuilletCMP::snapshot() const {
   std::lock_guard lock(mutex_);
-  return Snapshot{settingsId_, config_, gvl_, purposes_, vendors_, rawVendors_};
+  return Snapshot{settingsId_, config_, gvl_, facts_, purposes_, vendors_, rawVendors_};
 }
 
 std::optional<std::string> QuilletCMP::settingsId() const {
@@ -246,6 +218,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     vendors_ = std::move(vendors);
     config_ = std::move(config);
     gvl_ = gvl;
+    facts_ = std::make_shared<const VendorList::Facts>(VendorList::facts(*gvl));
     rawVendors_ = std::move(rawVendors);
   }
 
@@ -254,10 +227,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     // Legitimate interest starts switched on for every purpose a vendor declares it for.
     const boost::json::object& gvlVendors = VendorList::vendors(*gvl);
     for (const auto vendorId : vendorIds) {
-      const boost::json::object* entry =
-          Json::object(Json::member(gvlVendors, std::to_string(vendorId)));
-      if (entry == nullptr) continue;
-      const auto legInt = Json::exactIntegerArray(Json::member(*entry, "legIntPurposes"));
+      const auto legInt = VendorList::declared(gvlVendors, vendorId, "legIntPurposes");
       if (!legInt) continue;
       ConsentFlags on;
       for (const auto purpose : *legInt) {
@@ -397,129 +367,57 @@ void QuilletCMP::updateGoogleConsentModeFromTCString(std::string_view tcString) 
 void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   const Snapshot s = snapshot();
   if (!s.config || !s.gvl) return;
-  const boost::json::object& gvl = *s.gvl;
-  const Ids allPurposeIds = s.purposeIds();
+  const Ids purposeIds = s.purposeIds();
   const Ids vendorIds =
       s.config->selectedVendorIds() ? *s.config->selectedVendorIds() : s.vendorIds();
-  const boost::json::object& gvlVendors = VendorList::vendors(gvl);
-  const Ids gvlVendorIds = VendorList::integerKeys(gvlVendors);
-  const std::int64_t vendorListVersion =
-      Json::exactInteger(Json::member(gvl, "vendorListVersion")).value_or(1);
-  const std::int64_t policyVersion =
-      Json::exactInteger(Json::member(gvl, "tcfPolicyVersion")).value_or(1);
-  const Ids sortedVendorIds = sortedUnique(vendorIds);
+  const bool custom = action.kind() == ConsentAction::Kind::customize;
+  const NestedConsentFlags legitimateInterests =
+      custom ? PendingConsentStore::shared().liPurposeConsent() : NestedConsentFlags{};
+  const ConsentFlags specialFeatureMasters =
+      custom ? SpecialFeatureConsentStore::shared().masterStates() : ConsentFlags{};
+  const ConsentDecision::Decision decision =
+      ConsentDecision::decide(action, {.gvl = *s.gvl,
+                                       .facts = *s.facts,
+                                       .purposeIds = purposeIds,
+                                       .vendorIds = vendorIds,
+                                       .publisherCC = s.config->publisherCC(),
+                                       .consentLanguage = deviceLanguageCode(),
+                                       .legitimateInterests = legitimateInterests,
+                                       .specialFeatureMasters = specialFeatureMasters,
+                                       .now = Platform::current().clock->now()});
+  const std::string& tcString = decision.tcString;
 
-  Choices choices;
-  switch (action.kind()) {
-    case ConsentAction::Kind::acceptAll: {
-      Ids purposes;
-      Ids legInt;
-      for (const auto vendorId : vendorIds) {
-        const Ids declaredPurposes = declared(gvlVendors, vendorId, "purposes");
-        purposes.insert(purposes.end(), declaredPurposes.begin(), declaredPurposes.end());
-        const Ids declaredLegInt = declared(gvlVendors, vendorId, "legIntPurposes");
-        legInt.insert(legInt.end(), declaredLegInt.begin(), declaredLegInt.end());
-        if (!declaredLegInt.empty()) choices.vendorLegitimateInterests.push_back(vendorId);
-      }
-      choices.purposeConsents = sortedUnique(std::move(purposes));
-      legInt = sortedUnique(std::move(legInt));
-      for (const auto id : allPurposeIds) {
-        if (contains(legInt, id)) choices.purposeLegitimateInterests.push_back(id);
-      }
-      choices.specialFeatureOptins = VendorList::specialFeatureIds(gvl);
-      choices.vendorConsents = sortedVendorIds;
-      choices.vendorLegitimateInterests =
-          sortedUnique(std::move(choices.vendorLegitimateInterests));
-      break;
-    }
-    case ConsentAction::Kind::rejectAll:
-      break;
-    case ConsentAction::Kind::customize: {
-      const Ids configured = sortedUnique(allPurposeIds);
-      for (const auto id : action.purposes()) {
-        if (contains(configured, id)) choices.purposeConsents.push_back(id);
-      }
-      const NestedConsentFlags legInt = PendingConsentStore::shared().liPurposeConsent();
-      Ids purposesOn;
-      for (const auto& [vendorId, purposes] : legInt) {
-        const Ids on = idsOn(purposes);
-        purposesOn.insert(purposesOn.end(), on.begin(), on.end());
-        if (!on.empty() && contains(sortedVendorIds, vendorId)) {
-          choices.vendorLegitimateInterests.push_back(vendorId);
-        }
-      }
-      purposesOn = sortedUnique(std::move(purposesOn));
-      for (const auto id : configured) {
-        if (contains(purposesOn, id)) choices.purposeLegitimateInterests.push_back(id);
-      }
-      choices.specialFeatureOptins = idsOn(SpecialFeatureConsentStore::shared().masterStates());
-      for (const auto id : action.vendors()) {
-        if (contains(sortedVendorIds, id)) choices.vendorConsents.push_back(id);
-      }
-      std::sort(choices.vendorConsents.begin(), choices.vendorConsents.end());
-      break;
-    }
-  }
-
-  const Platform platform = Platform::current();
-  const std::string publisherCC =
-      Text::uppercased(Text::prefixCharacters(s.config->publisherCC().value_or("US"), 2));
-  const std::string core = QLTCMPUtils::encodeTCString(
-      QLTCMPUtils::TCStringInput{
-          .purposeConsents = choices.purposeConsents,
-          .purposeLegitimateInterests = choices.purposeLegitimateInterests,
-          .specialFeatureOptins = choices.specialFeatureOptins,
-          .vendorConsents = choices.vendorConsents,
-          .vendorLegitimateInterests = choices.vendorLegitimateInterests,
-          .gvlVendorIds = gvlVendorIds,
-          .cmpId = 471,
-          .cmpVersion = 1,
-          .consentScreen = 0,
-          .consentLanguage = deviceLanguageCode(),
-          .vendorListVersion = vendorListVersion,
-          .policyVersion = policyVersion,
-          .isServiceSpecific = true,
-          .useNonStandardStacks = false,
-          .purposeOneTreatment = false,
-          .publisherCC = publisherCC,
-      },
-      *platform.clock);
-  const std::string tcString =
-      core + "." + QLTCMPUtils::encodeDisclosedVendorsSegment(sortedVendorIds, gvlVendorIds);
-
-  const bool consent = action.kind() != ConsentAction::Kind::rejectAll;
   const auto store = ConsentStorage::store();
-  store->set(StorageKeys::consent, consent);
+  store->set(StorageKeys::consent, decision.consent);
   store->set(StorageKeys::tcString, tcString);
   store->synchronize();
   QltLog::i(kTag, [&] {
-    return std::string("Saved consent = ") + (consent ? "YES" : "NO") + "\n" + tcString;
+    return std::string("Saved consent = ") + (decision.consent ? "YES" : "NO") + "\n" + tcString;
   });
   QltLog::i(kTag, [&] {
     return "[GoogleConsentMode] DEBUG: purposeConsents in AcceptAll = " +
-           Text::printedList(choices.purposeConsents);
+           Text::printedList(decision.choices.purposeConsents);
   });
   updateGoogleConsentModeFromTCString(tcString);
 
-  const std::string_view eventType = eventTypeOf(action);
   bool duplicate = false;
   {
     LastPosted& last = lastPosted();
     std::lock_guard lock(last.mutex);
-    duplicate = last.tcString == tcString && last.eventType == eventType;
+    duplicate = last.tcString == tcString && last.eventType == decision.eventType;
     if (!duplicate && s.settingsId) {
       last.tcString = tcString;
-      last.eventType = std::string(eventType);
+      last.eventType = std::string(decision.eventType);
     }
   }
   if (duplicate) {
     QltLog::i(kTag, "Skipping duplicate consent event (TCString/eventType unchanged)");
   } else if (s.settingsId) {
-    QLTAPIServer::postConsent(tcString, *s.settingsId, eventType, std::nullopt);
+    QLTAPIServer::postConsent(tcString, *s.settingsId, decision.eventType, std::nullopt);
   }
 
-  syncStoresFromStoredTCString({allPurposeIds.begin(), allPurposeIds.end()},
-                               {vendorIds.begin(), vendorIds.end()}, gvl);
+  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
+                               {vendorIds.begin(), vendorIds.end()}, *s.gvl);
 }
 
 void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purposeIds,
@@ -527,71 +425,52 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
                                               const boost::json::object& gvl) {
   const auto stored = storedConsent();
   if (!stored) return;
-  const std::string_view core = std::string_view(*stored).substr(0, stored->find('.'));
-  if (!QLTCMPUtils::canDecodeTCString(core)) return;  // another party's string: undecodable
-  const auto decoded = QLTCMPUtils::decodeTCString(core);
-  if (!decoded) return;
-  // Decoded lists are ascending.
-  const auto in = [](const Ids& ids, std::int64_t id) { return contains(ids, id); };
+  const Ids purposes(purposeIds.begin(), purposeIds.end());
+  const Ids vendors(vendorIds.begin(), vendorIds.end());
+  const auto contents = ConsentDecision::storeContents(*stored, purposes, vendors, gvl);
+  if (!contents) return;
 
   PendingConsentStore& pending = PendingConsentStore::shared();
-  ConsentFlags purposes;
-  for (const auto id : purposeIds) {
-    const bool on = in(decoded->purposeConsents, id);
+  for (const auto& [id, on] : contents->purposes)
     pending.setPurposeConsent(id, on);
-    purposes.emplace(id, on);
-  }
-  PurposeConsentStore::shared().replaceStates(purposes);
-
-  ConsentFlags vendors;
-  for (const auto id : vendorIds) {
-    const bool on = in(decoded->vendorConsents, id);
+  PurposeConsentStore::shared().replaceStates(contents->purposes);
+  for (const auto& [id, on] : contents->vendors)
     pending.setVendorConsent(id, on);
-    vendors.emplace(id, on);
+  VendorConsentStore::shared().replaceStates(contents->vendors);
+  for (const auto& [vendorId, flags] : contents->legitimateInterests) {
+    for (const auto& [purpose, on] : flags)
+      pending.setLiPurposeConsent(vendorId, purpose, on);
   }
-  VendorConsentStore::shared().replaceStates(vendors);
-
-  const boost::json::object& gvlVendors = VendorList::vendors(gvl);
-  for (const auto vendorId : vendorIds) {
-    if (!in(decoded->vendorLegitimateInterests, vendorId)) continue;
-    for (const auto purpose : declared(gvlVendors, vendorId, "legIntPurposes")) {
-      if (in(decoded->purposeLegitimateInterests, purpose)) {
-        pending.setLiPurposeConsent(vendorId, purpose, true);
-      }
-    }
-  }
-
-  const boost::json::object* features = Json::object(Json::member(gvl, "specialFeatures"));
-  if (features == nullptr) return;
+  // Each master first, with its cascade; then the pending store takes the vendors' states.
   SpecialFeatureConsentStore& specialFeatures = SpecialFeatureConsentStore::shared();
-  for (const auto& member : *features) {
-    const auto feature = Text::parseInteger(member.key());
-    if (!feature) continue;
-    const bool isOn = in(decoded->specialFeatureOptins, *feature);
-    pending.setSpecialFeatureMaster(*feature, isOn);
-    specialFeatures.setMaster(*feature, isOn);
+  for (const auto& [feature, isOn] : contents->specialFeatureMasters) {
+    pending.setSpecialFeatureMaster(feature, isOn);
+    specialFeatures.setMaster(feature, isOn);
     for (const auto vendorId : vendorIds) {
-      const bool value = specialFeatures.vendorState(*feature, vendorId);
-      pending.setSpecialFeatureConsent(*feature, vendorId, value);
-      specialFeatures.setVendor(*feature, vendorId, value);
+      const bool value = specialFeatures.vendorState(feature, vendorId);
+      pending.setSpecialFeatureConsent(feature, vendorId, value);
+      specialFeatures.setVendor(feature, vendorId, value);
     }
   }
 }
 
 std::optional<std::string> QuilletCMP::makeTCStringRejectAll() {
   if (!ensureConfigLoaded()) return std::nullopt;
-  const auto gvl = this->gvl();
-  if (!gvl) return std::nullopt;
+  std::shared_ptr<const VendorList::Facts> facts;
+  {
+    std::lock_guard lock(mutex_);
+    facts = facts_;
+  }
+  if (!facts) return std::nullopt;
   return QLTCMPUtils::encodeTCString(
       QLTCMPUtils::TCStringInput{
-          .gvlVendorIds = VendorList::integerKeys(VendorList::vendors(*gvl)),
+          .gvlVendorIds = facts->vendorIds,
           .cmpId = 471,
           .cmpVersion = 1,
           .consentScreen = 0,
           .consentLanguage = "EN",
-          .vendorListVersion =
-              Json::exactInteger(Json::member(*gvl, "vendorListVersion")).value_or(1),
-          .policyVersion = Json::exactInteger(Json::member(*gvl, "tcfPolicyVersion")).value_or(1),
+          .vendorListVersion = facts->vendorListVersion,
+          .policyVersion = facts->policyVersion,
           .isServiceSpecific = true,
           .useNonStandardStacks = false,
           .purposeOneTreatment = false,

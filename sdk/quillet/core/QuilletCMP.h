@@ -12,14 +12,18 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/ConsentAction.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/ConsentAction.h"
+#include "quillet/base/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/ScreenContent.h"
 
 namespace quillet {
+
+namespace VendorList {
+struct Facts;
+}
 
 /// The library's entry point. Install a `Platform` first, then call `initialize` once at start:
 /// the facade posts an analytics session event, fetches the banner configuration and the vendor
@@ -94,6 +98,7 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   std::optional<std::string> settingsId_;
   std::optional<BrandingConfig> config_;
   std::shared_ptr<const boost::json::object> gvl_;
+  std::shared_ptr<const VendorList::Facts> facts_;
   std::vector<PurposeModel> purposes_;
   std::vector<VendorModel> vendors_;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors_;

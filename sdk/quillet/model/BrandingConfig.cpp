@@ -1,6 +1,6 @@
 #include "quillet/model/BrandingConfig.h"
 
-#include "quillet/core/Text.h"
+#include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
 
 namespace quillet {

@@ -7,7 +7,7 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

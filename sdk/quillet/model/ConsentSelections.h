@@ -6,8 +6,8 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
-#include "quillet/core/Result.h"
+#include "quillet/base/Export.h"
+#include "quillet/base/Result.h"
 
 namespace quillet {
 

@@ -10,8 +10,6 @@
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
-#include "quillet/core/Export.h"
-
 /// The loose readers through which the library reads untyped JSON (configuration documents, the
 /// vendor list). Each rule lives here once. Absent, null and wrongly typed values all read as
 /// "absent" (std::nullopt or nullptr); nothing throws. Booleans are never numbers and strings are
@@ -19,44 +17,41 @@
 namespace quillet::Json {
 
 /// The value under `key`, or nullptr when there is none.
-QUILLET_EXPORT const boost::json::value* member(const boost::json::object& object,
-                                                std::string_view key) noexcept;
+const boost::json::value* member(const boost::json::object& object, std::string_view key) noexcept;
 
 /// A number that is exactly an integer in the signed 64-bit range: 3 and 3.0 give 3; 3.5, a
 /// number out of range, a boolean or any other kind give absent.
-QUILLET_EXPORT std::optional<std::int64_t> exactInteger(const boost::json::value* value) noexcept;
+std::optional<std::int64_t> exactInteger(const boost::json::value* value) noexcept;
 
 /// Any number truncated toward zero (3.9 gives 3, -3.9 gives -3); absent for numbers outside the
 /// signed 64-bit range and for every other kind, booleans included.
-QUILLET_EXPORT std::optional<std::int64_t> truncatedInteger(
-    const boost::json::value* value) noexcept;
+std::optional<std::int64_t> truncatedInteger(const boost::json::value* value) noexcept;
 
 /// An element of a loose id list: a number truncated toward zero, or a boolean counted as 1 or
 /// 0 (the platform's JSON model stores booleans as numbers); absent for anything else.
-QUILLET_EXPORT std::optional<std::int64_t> idListElement(const boost::json::value* value) noexcept;
+std::optional<std::int64_t> idListElement(const boost::json::value* value) noexcept;
 
-QUILLET_EXPORT std::optional<bool> boolean(const boost::json::value* value) noexcept;
-QUILLET_EXPORT std::optional<std::string_view> string(const boost::json::value* value) noexcept;
-QUILLET_EXPORT const boost::json::array* array(const boost::json::value* value) noexcept;
-QUILLET_EXPORT const boost::json::object* object(const boost::json::value* value) noexcept;
+std::optional<bool> boolean(const boost::json::value* value) noexcept;
+std::optional<std::string_view> string(const boost::json::value* value) noexcept;
+const boost::json::array* array(const boost::json::value* value) noexcept;
+const boost::json::object* object(const boost::json::value* value) noexcept;
 
 /// An array whose every element is an exact integer, as a list; absent when the value is not an
 /// array or any one element is not an exact integer (all or nothing).
-QUILLET_EXPORT std::optional<std::vector<std::int64_t>> exactIntegerArray(
-    const boost::json::value* value);
+std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value);
 
 /// The exact-integer elements of an array, in order, skipping every other element; none when the
 /// value is not an array.
-QUILLET_EXPORT std::vector<std::int64_t> integerMembers(const boost::json::value* value);
+std::vector<std::int64_t> integerMembers(const boost::json::value* value);
 
 /// The JSON text of a document, or absent when the text is not JSON. Never throws.
-QUILLET_EXPORT std::optional<boost::json::value> parse(std::string_view text);
+std::optional<boost::json::value> parse(std::string_view text);
 
 /// The value as compact JSON text, for log lines.
-QUILLET_EXPORT std::string print(const boost::json::value& value);
+std::string print(const boost::json::value& value);
 
 /// The kind of `value` as a message names it: "null", "a boolean", "an integer", "a number",
 /// "a string", "an array" or "an object".
-QUILLET_EXPORT std::string_view kindName(const boost::json::value& value) noexcept;
+std::string_view kindName(const boost::json::value& value) noexcept;
 
 }  // namespace quillet::Json

@@ -20,8 +20,8 @@ KeyedDecoder::KeyedDecoder(const boost::json::value& value, std::string path)
 }
 
 const std::string& KeyedDecoder::error() const noexcept {
-  static const std::string kNone;
-  return error_ ? *error_ : kNone;
+  static const std::string* const kNone = new std::string();  // outlives every thread
+  return error_ ? *error_ : *kNone;
 }
 
 void KeyedDecoder::fail(std::string message) {

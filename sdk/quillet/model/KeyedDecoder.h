@@ -8,8 +8,6 @@
 
 #include <boost/json/value.hpp>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 /// Strict reading of one JSON object for the records' keyed decoding: required members must be
@@ -17,7 +15,7 @@ namespace quillet {
 /// must then be of their type. Integers must be exact (3.0 is 3, 3.5 is an error); booleans are
 /// only true and false. The first problem is kept as a message that names the key (with the
 /// path of the object inside its document) and what was wrong; after it every read is absent.
-class QUILLET_EXPORT KeyedDecoder {
+class KeyedDecoder {
  public:
   /// `path` names the object in messages, e.g. "disclosures[2]"; empty for the document itself.
   KeyedDecoder(const boost::json::value& value, std::string path = {});

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
-#include "quillet/model/GvlEntry.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/KeyedDecoder.h"
+#include "quillet/model/VendorList.h"
 
 namespace quillet {
 namespace {
@@ -45,7 +45,7 @@ std::vector<PurposeModel> PurposeModel::parse(const boost::json::object& from) {
       });
       continue;
     }
-    const std::int64_t id = gvl::entryId(*entry, key);
+    const std::int64_t id = VendorList::entryId(*entry, key);
     const std::string_view name = Json::string(Json::member(*entry, "name")).value_or("");
     std::optional<std::string> description;
     if (const auto text = Json::string(Json::member(*entry, "description"))) {

@@ -2,16 +2,16 @@
 
 #include <algorithm>
 
-#include "quillet/core/Text.h"
+#include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorModel.h"
 
 namespace quillet::VendorList {
 
 const boost::json::object& vendors(const boost::json::object& gvl) {
-  static const boost::json::object kNone;
+  static const boost::json::object* const kNone = new boost::json::object();  // outlives threads
   const boost::json::object* found = Json::object(Json::member(gvl, "vendors"));
-  return found != nullptr ? *found : kNone;
+  return found != nullptr ? *found : *kNone;
 }
 
 std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
@@ -21,6 +21,33 @@ std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
   }
   std::sort(ids.begin(), ids.end());
   return ids;
+}
+
+Facts facts(const boost::json::object& gvl) {
+  Facts out;
+  out.vendorIds = integerKeys(vendors(gvl));
+  out.vendorListVersion = Json::exactInteger(Json::member(gvl, "vendorListVersion")).value_or(1);
+  out.policyVersion = Json::exactInteger(Json::member(gvl, "tcfPolicyVersion")).value_or(1);
+  out.specialFeatureIds = specialFeatureIds(gvl);
+  out.specialFeatureKeys = specialFeatureKeys(gvl);
+  return out;
+}
+
+std::int64_t entryId(const boost::json::object& entry, std::string_view key) {
+  if (const auto id = Json::exactInteger(Json::member(entry, "id"))) return *id;
+  return Text::parseInteger(key).value_or(0);
+}
+
+std::optional<std::vector<std::int64_t>> declared(const boost::json::object& vendors,
+                                                  std::int64_t vendorId, std::string_view key) {
+  const boost::json::object* entry = Json::object(Json::member(vendors, std::to_string(vendorId)));
+  if (entry == nullptr) return std::nullopt;
+  return Json::exactIntegerArray(Json::member(*entry, key));
+}
+
+std::vector<std::int64_t> specialFeatureKeys(const boost::json::object& gvl) {
+  const boost::json::object* features = Json::object(Json::member(gvl, "specialFeatures"));
+  return features != nullptr ? integerKeys(*features) : std::vector<std::int64_t>{};
 }
 
 std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl) {

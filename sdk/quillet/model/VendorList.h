@@ -2,37 +2,67 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include <boost/json/object.hpp>
-
-#include "quillet/core/Export.h"
 
 namespace quillet {
 class VendorModel;
 }
 
-/// Readers of the parts of a vendor list document that the facade and the screens share.
+/// Readers of the parts of a vendor list document that the models, the facade and the screens
+/// share: every rule for reading a vendor list fact lives here.
 namespace quillet::VendorList {
 
+/// The facts a consent decision and the consent stores read from a vendor list, read once.
+struct Facts {
+  /// The keys of "vendors" that read as decimal integers, ascending.
+  std::vector<std::int64_t> vendorIds;
+  /// "vendorListVersion" and "tcfPolicyVersion" when they are exact integers, else 1.
+  std::int64_t vendorListVersion = 1;
+  std::int64_t policyVersion = 1;
+  /// As `specialFeatureIds`.
+  std::vector<std::int64_t> specialFeatureIds;
+  /// As `specialFeatureKeys`.
+  std::vector<std::int64_t> specialFeatureKeys;
+
+  /// The largest vendor id, 0 for none.
+  std::int64_t largestVendorId() const noexcept { return vendorIds.empty() ? 0 : vendorIds.back(); }
+};
+
+Facts facts(const boost::json::object& gvl);
+
+/// The id of a vendor list entry: its "id" when that is an exact integer, else its member key
+/// read as a decimal integer, else 0.
+std::int64_t entryId(const boost::json::object& entry, std::string_view key);
+
+/// A vendor's declared list `key` ("purposes", "legIntPurposes") from the entry under its
+/// decimal id in `vendors`; nothing when the entry or the key is missing or not all integers.
+std::optional<std::vector<std::int64_t>> declared(const boost::json::object& vendors,
+                                                  std::int64_t vendorId, std::string_view key);
+
 /// The document's "vendors" object, or an empty one.
-QUILLET_EXPORT const boost::json::object& vendors(const boost::json::object& gvl);
+const boost::json::object& vendors(const boost::json::object& gvl);
 
 /// The keys of an object that read as decimal integers, ascending.
-QUILLET_EXPORT std::vector<std::int64_t> integerKeys(const boost::json::object& object);
+std::vector<std::int64_t> integerKeys(const boost::json::object& object);
 
 /// The special feature ids: the integer keys of "specialFeatures" when it is an object, the
 /// integer "id" of each element when it is an array, else none. Ascending.
-QUILLET_EXPORT std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
+std::vector<std::int64_t> specialFeatureIds(const boost::json::object& gvl);
+
+/// The integer keys of "specialFeatures" when it is an object; none for any other form.
+std::vector<std::int64_t> specialFeatureKeys(const boost::json::object& gvl);
 
 /// The special feature entries in document order: the object's member values, or the array's
 /// object elements; none when the member is missing or of another kind.
-QUILLET_EXPORT std::vector<const boost::json::object*> specialFeatures(
-    const boost::json::object& gvl);
+std::vector<const boost::json::object*> specialFeatures(const boost::json::object& gvl);
 
 /// The "vendors" entries of `vendors`, one per vendor in their order, sharing ownership of `gvl`;
 /// empty for a vendor without an entry under its decimal id (whose "id" member names another).
-QUILLET_EXPORT std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
     const std::shared_ptr<const boost::json::object>& gvl, const std::vector<VendorModel>& vendors);
 
 }  // namespace quillet::VendorList

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/model/BrandingConfig.h"
-#include "quillet/model/GvlEntry.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/KeyedDecoder.h"
+#include "quillet/model/VendorList.h"
 
 namespace quillet {
 namespace {
@@ -70,7 +70,7 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
   for (const auto& member : *vendors) {
     const boost::json::object* entry = member.value().if_object();
     if (entry == nullptr) continue;
-    const std::int64_t id = gvl::entryId(*entry, member.key());
+    const std::int64_t id = VendorList::entryId(*entry, member.key());
     if (!allowed.empty() && !isAllowed(id)) continue;
     const std::string_view name = Json::string(Json::member(*entry, "name")).value_or("");
     std::optional<std::string> policyUrl = policyAddress(*entry);

@@ -8,7 +8,7 @@
 
 #include <curl/curl.h>
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 namespace {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/network/HttpClient.h"
 
 namespace quillet {

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "quillet/core/Bytes.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Bytes.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

@@ -5,8 +5,11 @@
 
 #include <boost/json/serialize.hpp>
 
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Uuid.h"
+#include "quillet/base/Clock.h"
+#include "quillet/base/Endpoints.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Uuid.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/Url.h"
@@ -31,7 +34,6 @@ struct Services {
 // Process-wide state. Never destroyed: completions may still arrive while the process exits.
 struct State {
   std::mutex mutex;
-  Environment environment;
   std::shared_ptr<HttpClient> defaultHttp;
   VendorList cachedGVL;
   std::optional<BrandingConfig> cachedConfig;
@@ -43,18 +45,18 @@ State& state() {
 }
 
 Services services() {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
+  Platform platform = Platform::current();
   Services out;
-  if (s.environment.httpClient) {
-    out.http = s.environment.httpClient;
-  } else {
+  out.http = Platform::installedHttpClient();
+  if (out.http.expired()) {
+    State& s = state();
+    std::lock_guard lock(s.mutex);
     if (!s.defaultHttp) s.defaultHttp = std::make_shared<CurlHttpClient>();
     out.http = s.defaultHttp;
   }
-  out.endpoints = s.environment.endpoints.value_or(Endpoints::builtIn());
-  out.clock = s.environment.clock;
-  out.makeUuid = s.environment.makeUuid;
+  out.endpoints = platform.endpoints.value_or(Endpoints::builtIn());
+  out.clock = std::move(platform.clock);
+  out.makeUuid = std::move(platform.makeUuid);
   return out;
 }
 
@@ -233,12 +235,6 @@ std::string deviceIdWith(const Services& services) {
 
 std::shared_ptr<HttpClient> httpClient() {
   return services().http.lock();
-}
-
-void setEnvironment(Environment environment) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  s.environment = std::move(environment);
 }
 
 void fetchBannerConfigAndMaybeGVL(

@@ -8,10 +8,8 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Clock.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/model/BrandingConfig.h"
-#include "quillet/network/Endpoints.h"
 #include "quillet/network/HttpClient.h"
 
 /// The library's network client: the banner configuration and vendor list downloads with their
@@ -26,17 +24,9 @@ namespace quillet::QLTAPIServer {
 /// A parsed vendor list document, shared rather than copied; null means none.
 using VendorList = std::shared_ptr<const boost::json::object>;
 
-/// What the network side runs on. Empty members take the defaults: a process-wide
-/// CurlHttpClient, the built-in endpoints, the system clock, and random version-4 UUIDs.
-struct QUILLET_EXPORT Environment {
-  std::shared_ptr<HttpClient> httpClient;
-  std::optional<Endpoints> endpoints;
-  std::shared_ptr<const Clock> clock;
-  std::function<std::string()> makeUuid;
-};
-/// Replaces the environment for requests made from now on.
-QUILLET_EXPORT void setEnvironment(Environment environment);
-/// The client requests go through: the environment's, or the process-wide default.
+/// The client requests go through: the installed platform's, or the process-wide default
+/// CurlHttpClient. Requests use the platform's endpoints, clock and UUID source as they are when
+/// the request is made.
 QUILLET_EXPORT std::shared_ptr<HttpClient> httpClient();
 
 /// Downloads the configuration for `settingsId`, then either uses the cached vendor list (when

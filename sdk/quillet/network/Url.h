@@ -2,12 +2,10 @@
 
 #include <string_view>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 /// Whether a text is an absolute http or https URL with a host that a request can be sent to.
 /// Spaces, control characters and other malformed text are refused; nothing is escaped.
-QUILLET_EXPORT bool isValidHttpUrl(std::string_view text);
+bool isValidHttpUrl(std::string_view text);
 
 }  // namespace quillet

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 /// Switches by id; an absent id reads as off.
@@ -16,11 +14,11 @@ using ConsentFlags = std::map<std::int64_t, bool>;
 using NestedConsentFlags = std::map<std::int64_t, ConsentFlags>;
 
 /// "{1: true, 7: false}": a stable rendering for log lines.
-QUILLET_EXPORT std::string describe(const ConsentFlags& flags);
+std::string describe(const ConsentFlags& flags);
 /// "{1: {755: true}}": a stable rendering for log lines.
-QUILLET_EXPORT std::string describe(const std::map<std::int64_t, ConsentFlags>& flags);
+std::string describe(const std::map<std::int64_t, ConsentFlags>& flags);
 
 /// The ids switched on, ascending.
-QUILLET_EXPORT std::vector<std::int64_t> idsOn(const ConsentFlags& flags);
+std::vector<std::int64_t> idsOn(const ConsentFlags& flags);
 
 }  // namespace quillet

@@ -11,14 +11,12 @@
 #include <variant>
 #include <vector>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 /// What a notification carries: string keys to integers or booleans.
 using NotificationPayload = std::map<std::string, std::variant<std::int64_t, bool>, std::less<>>;
 
-struct QUILLET_EXPORT Notification {
+struct Notification {
   std::string name;
   NotificationPayload userInfo;
 
@@ -32,7 +30,7 @@ struct QUILLET_EXPORT Notification {
 /// thread before it returns, in the order they were added; no lock is held while an observer
 /// runs, so an observer may post, add observers, or drop tokens (its own included) from inside
 /// its callback. Safe to use from several threads.
-class QUILLET_EXPORT NotificationCenter {
+class NotificationCenter {
  public:
   using Observer = std::function<void(const Notification&)>;
 

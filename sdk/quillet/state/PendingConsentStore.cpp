@@ -1,6 +1,6 @@
 #include "quillet/state/PendingConsentStore.h"
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/state/PurposeConsentStore.h"
 #include "quillet/state/SpecialFeatureConsentStore.h"
 #include "quillet/state/VendorConsentStore.h"

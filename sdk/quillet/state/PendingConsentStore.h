@@ -4,7 +4,6 @@
 #include <mutex>
 #include <span>
 
-#include "quillet/core/Export.h"
 #include "quillet/state/ConsentFlags.h"
 
 namespace quillet {
@@ -18,7 +17,7 @@ class VendorConsentStore;
 /// special features' master switches and per-vendor opt-ins. Readers get copies. Safe to use
 /// from several threads; changes of the special-feature opt-ins are logged under the tag
 /// "PendingConsentStore" (debug), with no lock held.
-class QUILLET_EXPORT PendingConsentStore {
+class PendingConsentStore {
  public:
   /// The one process-wide instance.
   static PendingConsentStore& shared();

@@ -2,7 +2,6 @@
 
 #include <mutex>
 
-#include "quillet/core/Export.h"
 #include "quillet/state/ConsentFlags.h"
 
 namespace quillet {
@@ -10,7 +9,7 @@ namespace quillet {
 /// The consent switch per purpose, in memory only. Posts "qlt.purposeConsentChanged" ("id",
 /// "on") on the default notification centre. Safe to use from several threads; no lock is held
 /// while posting.
-class QUILLET_EXPORT PurposeConsentStore {
+class PurposeConsentStore {
  public:
   static PurposeConsentStore& shared();
 

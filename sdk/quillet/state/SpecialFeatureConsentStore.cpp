@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "quillet/core/Fatal.h"
-#include "quillet/core/Text.h"
+#include "quillet/base/Fatal.h"
+#include "quillet/base/Text.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"

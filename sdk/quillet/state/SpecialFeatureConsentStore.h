@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <mutex>
 
-#include "quillet/core/Export.h"
 #include "quillet/state/ConsentFlags.h"
 
 namespace quillet {
@@ -13,7 +12,7 @@ namespace quillet {
 /// "qlt_sf_vendor_states" and "qlt_sf_master_states". Posts "specialFeatureMasterChanged"
 /// ("featureId", "on") and "specialFeatureVendorChanged" ("featureId", "vendorId", "on") on the
 /// default notification centre. Safe to use from several threads; no lock is held while posting.
-class QUILLET_EXPORT SpecialFeatureConsentStore {
+class SpecialFeatureConsentStore {
  public:
   static SpecialFeatureConsentStore& shared();
 

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <mutex>
 
-#include "quillet/core/Export.h"
 #include "quillet/state/ConsentFlags.h"
 
 namespace quillet {
@@ -11,7 +10,7 @@ namespace quillet {
 /// The consent switch per vendor, in memory only. Posts "qlt.vendorConsentChanged" ("id", "on")
 /// on the default notification centre. Safe to use from several threads; no lock is held while
 /// posting.
-class QUILLET_EXPORT VendorConsentStore {
+class VendorConsentStore {
  public:
   static VendorConsentStore& shared();
 

@@ -5,7 +5,8 @@
 
 #include <boost/json/serialize.hpp>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
@@ -14,14 +15,17 @@
 namespace quillet::ConsentStorage {
 namespace {
 
-struct Installed {
+// The default store, opened when the installed platform has none; reopened after the host
+// installs a platform again. Never destroyed: HTTP completions may write to it at exit.
+struct Default {
   std::mutex mutex;
   std::shared_ptr<KeyValueStore> store;
+  std::uint64_t generation = 0;
 };
 
-Installed& installed() {
-  static Installed instance;
-  return instance;
+Default& fallback() {
+  static Default* const instance = new Default();
+  return *instance;
 }
 
 std::shared_ptr<KeyValueStore> openDefault() {
@@ -54,16 +58,15 @@ bool representable(const boost::json::value& value) {
 }  // namespace
 
 std::shared_ptr<KeyValueStore> store() {
-  Installed& state = installed();
+  if (auto installed = Platform::installedKeyValueStore()) return installed;
+  const std::uint64_t generation = Platform::generation();
+  Default& state = fallback();
   std::lock_guard lock(state.mutex);
-  if (!state.store) state.store = openDefault();
+  if (!state.store || state.generation != generation) {
+    state.store = openDefault();
+    state.generation = generation;
+  }
   return state.store;
-}
-
-void setStore(std::shared_ptr<KeyValueStore> store) {
-  Installed& state = installed();
-  std::lock_guard lock(state.mutex);
-  state.store = std::move(store);
 }
 
 void saveConsent(bool consent, const std::optional<std::string>& tcString) {

@@ -7,7 +7,7 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/storage/KeyValueStore.h"
 
 /// What survives a restart of the host application: the consent flag, the last TC String, the
@@ -16,11 +16,10 @@
 /// operation reports an error: wrongly typed values read as absent, 0 or false.
 namespace quillet::ConsentStorage {
 
-/// The store the library uses. Until one is installed, the SQLite store at its default path is
-/// opened on first use (a store in memory, with an error logged, when that cannot be opened).
+/// The store the library uses: the installed platform's, or else the SQLite store at its default
+/// path, opened on first use (a store in memory, with an error logged, when that cannot be
+/// opened).
 QUILLET_EXPORT std::shared_ptr<KeyValueStore> store();
-/// Installs the store the library uses from now on; nullptr returns to the default.
-QUILLET_EXPORT void setStore(std::shared_ptr<KeyValueStore> store);
 
 /// Stores the flag, then the string (removing a stored one when absent), then synchronises.
 QUILLET_EXPORT void saveConsent(bool consent, const std::optional<std::string>& tcString);

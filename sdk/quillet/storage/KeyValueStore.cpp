@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cmath>
 
-#include "quillet/core/Text.h"
+#include "quillet/base/Text.h"
 
 namespace quillet {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/storage/StoreValue.h"
 
 namespace quillet {

@@ -4,7 +4,7 @@
 #include <shared_mutex>
 #include <string>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/storage/KeyValueStore.h"
 
 namespace quillet {

@@ -13,7 +13,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/storage/StoreValueCodec.h"
 
 namespace quillet {

@@ -5,8 +5,8 @@
 #include <mutex>
 #include <string>
 
-#include "quillet/core/Export.h"
-#include "quillet/core/Result.h"
+#include "quillet/base/Export.h"
+#include "quillet/base/Result.h"
 #include "quillet/storage/KeyValueStore.h"
 
 struct sqlite3;

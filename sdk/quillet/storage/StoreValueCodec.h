@@ -1,6 +1,5 @@
 #pragma once
 
-#include "quillet/core/Export.h"
 // A compact binary form of store values, used for dictionaries in the SQLite store. Internal to
 // the storage subsystem.
 
@@ -11,10 +10,10 @@
 
 namespace quillet::storeValueCodec {
 
-QUILLET_EXPORT Bytes encode(const StoreValue& value);
+Bytes encode(const StoreValue& value);
 
 /// Nothing when the bytes are not exactly one encoded value (truncated, unknown tags, trailing
 /// bytes, or nesting deeper than 64 levels).
-QUILLET_EXPORT std::optional<StoreValue> decode(std::span<const std::uint8_t> bytes);
+std::optional<StoreValue> decode(std::span<const std::uint8_t> bytes);
 
 }  // namespace quillet::storeValueCodec

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
-#include "quillet/core/QltLog.h"
-#include "quillet/core/Text.h"
+#include "quillet/base/QltLog.h"
+#include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/state/ConsentCommit.h"
@@ -107,8 +107,7 @@ std::string escapeStackText(std::string_view text) {
 
 StackPreview readStack(const boost::json::object& entry, std::string_view key) {
   StackPreview stack;
-  stack.id =
-      Json::exactInteger(Json::member(entry, "id")).value_or(Text::parseInteger(key).value_or(0));
+  stack.id = VendorList::entryId(entry, key);
   stack.name = std::string(Json::string(Json::member(entry, "name")).value_or(""));
   stack.description = std::string(Json::string(Json::member(entry, "description")).value_or(""));
   stack.purposes = Json::integerMembers(Json::member(entry, "purposes"));
@@ -238,9 +237,9 @@ std::string CMPBannerViewController::customizeAnchor() const {
 
 std::string CMPBannerViewController::document() const {
   const std::string linkColour = this->linkColour();
-  static const boost::json::object kNoList;
+  const boost::json::object noList;
   const auto kept =
-      keptStacks(content_.config, content_.gvl ? *content_.gvl : kNoList, content_.rawVendors);
+      keptStacks(content_.config, content_.gvl ? *content_.gvl : noList, content_.rawVendors);
 
   std::string out;
   out.reserve(4096 + kept.size() * 256);

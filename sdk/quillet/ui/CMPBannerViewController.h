@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "quillet/core/Export.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/ScreenContent.h"
 #include "quillet/ui/SecondLayerViewController.h"
@@ -13,7 +12,7 @@
 namespace quillet {
 
 /// One stack of the vendor list as the banner previews it.
-struct QUILLET_EXPORT StackPreview {
+struct StackPreview {
   std::int64_t id = 0;
   std::string name;
   std::string description;
@@ -29,12 +28,13 @@ struct QUILLET_EXPORT StackPreview {
 /// that apply to this publisher and links to the second layer, with native buttons (accept all,
 /// optionally reject and customise) below it. Its buttons write the consent stores and hand one
 /// `ConsentAction` to `completion`.
-class QUILLET_EXPORT CMPBannerViewController final : public Screen, public SecondLayerDelegate {
+class CMPBannerViewController final : public Screen, public SecondLayerDelegate {
  public:
   /// `completion` gets the banner's own accept-all or reject-all, after the banner is dismissed.
   CMPBannerViewController(ScreenContent content, std::function<void(ConsentAction)> completion);
 
   std::string title() const override;
+  std::string_view kind() const noexcept override { return "banner"; }
   /// The banner's document text; the same for the same inputs, byte for byte.
   std::string document() const override;
   /// The logo (when the configuration has an http or https address) and the buttons.

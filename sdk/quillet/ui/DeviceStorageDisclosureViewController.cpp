@@ -1,8 +1,8 @@
 #include "quillet/ui/DeviceStorageDisclosureViewController.h"
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/HttpClient.h"
 #include "quillet/network/QLTAPIServer.h"

@@ -7,7 +7,6 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
 #include "quillet/model/DeviceStorageDisclosure.h"
 #include "quillet/ui/Screen.h"
 
@@ -15,7 +14,7 @@ namespace quillet {
 
 /// The table of a vendor's device storage disclosure: a "Storage Entries" section and a
 /// "Domains" section, or "No Data" when the vendor gave nothing.
-class QUILLET_EXPORT DeviceStorageDisclosureTableViewController {
+class DeviceStorageDisclosureTableViewController {
  public:
   enum class Section { entries, domains };
 
@@ -39,12 +38,13 @@ class QUILLET_EXPORT DeviceStorageDisclosureTableViewController {
 /// with the defined text when the vendor's document holds nothing; and, under "No Data" too, that
 /// the document could not be read (it does not decode) or loaded (no address, or the download
 /// failed), with the reason in the log.
-class QUILLET_EXPORT DeviceStorageDisclosureViewController final : public Screen {
+class DeviceStorageDisclosureViewController final : public Screen {
  public:
   DeviceStorageDisclosureViewController(std::string vendorName, std::string url,
                                         boost::json::object purposesDict, std::string accent);
 
   std::string title() const override;
+  std::string_view kind() const noexcept override { return "disclosure"; }
   std::string document() const override;
 
   /// Downloads the document through the platform's HTTP client and shows the outcome; the

@@ -6,34 +6,32 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Export.h"
-
 /// Building blocks of the screens' documents. Every text that comes from the vendor list, the
 /// configuration or a disclosure document goes through `escape`; only links that pass
 /// `isSafeLink` are ever written as clickable addresses. All functions are pure.
 namespace quillet::Html {
 
 /// Text for HTML content and double- or single-quoted attribute values: & < > " ' escaped.
-QUILLET_EXPORT std::string escape(std::string_view text);
+std::string escape(std::string_view text);
 
 /// Whether `url` may be written as a link the user can follow: an absolute http, https or mailto
 /// address (scheme in any case) with no white space, control character, quote or angle bracket.
-QUILLET_EXPORT bool isSafeLink(std::string_view url);
+bool isSafeLink(std::string_view url);
 
 /// Whether `text` can stand as a CSS value inside a style element or a double-quoted style
 /// attribute without ending either: not empty, and only letters, digits, spaces, tabs, number
 /// signs, parentheses, commas, full stops, percent, plus and minus signs. It says nothing about
 /// whether a browser takes it as a colour.
-QUILLET_EXPORT bool isInertCssValue(std::string_view text);
+bool isInertCssValue(std::string_view text);
 
 /// A colour text read as hexadecimal RGB, alpha 1, the way the native controls read it.
-struct QUILLET_EXPORT RgbColour {
+struct RgbColour {
   std::string hex;     ///< "#RRGGBB", upper case
   bool exact = false;  ///< the text was exactly six hex digits (after the trimming)
 };
 /// Surrounding white space and one leading "#" are removed; the hex digits up to the first other
 /// character make the number (none reads as 0, black); its low 24 bits are the colour.
-QUILLET_EXPORT RgbColour readRgbColour(std::string_view text);
+RgbColour readRgbColour(std::string_view text);
 
 /// The system colours of the library's own screens: the platforms' increased-contrast variants,
 /// so that white text on the blue and orange fills and red text on white reach 4.5:1, and the
@@ -46,23 +44,23 @@ inline constexpr std::string_view kSystemGray = "#8E8E93";    // on white 3.3:1
 /// The start of one of the library's own screen documents, up to and including "<body ...>":
 /// shared style sheet with `accent` as the brand colour (a "#RRGGBB" text), and the element whose
 /// id is `focusId` (when not empty) focused once the document has loaded.
-QUILLET_EXPORT std::string documentStart(std::string_view title, std::string_view accent,
-                                         std::string_view focusId);
+std::string documentStart(std::string_view title, std::string_view accent,
+                          std::string_view focusId);
 /// The end of such a document: the keyboard and remote-control script, "</body></html>".
-QUILLET_EXPORT std::string documentEnd();
+std::string documentEnd();
 
 /// The accent colour of the screens: `brandColour` read by `readRgbColour` when present, else the
 /// system blue.
-QUILLET_EXPORT std::string accentColour(const std::optional<std::string>& brandColour);
+std::string accentColour(const std::optional<std::string>& brandColour);
 
 /// The sticky header of a screen pushed over another: a "‹ Back" button that carries `backLink`,
 /// the escaped `title`, and an escaped `subtitle` line when there is one.
-QUILLET_EXPORT std::string backHeader(std::string_view backLink, std::string_view title,
-                                      std::string_view subtitle = {});
+std::string backHeader(std::string_view backLink, std::string_view title,
+                       std::string_view subtitle = {});
 
 /// A link that carries an event of the library's own scheme, as a focusable button.
-QUILLET_EXPORT std::string eventButton(std::string_view id, std::string_view link,
-                                       std::string_view label, std::string_view extraClass = {});
+std::string eventButton(std::string_view id, std::string_view link, std::string_view label,
+                        std::string_view extraClass = {});
 
 /// "Special Feature", "Info‑only Feature": texts with a non-breaking hyphen or space are written
 /// through these constants so that the bytes stay exact.

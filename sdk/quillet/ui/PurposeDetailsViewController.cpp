@@ -1,6 +1,6 @@
 #include "quillet/ui/PurposeDetailsViewController.h"
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "quillet/core/Export.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/Screen.h"
@@ -14,12 +13,13 @@ namespace quillet {
 /// One purpose in full: its description, a consent master switch that also switches every
 /// consent vendor of the purpose, the consent vendors, and the legitimate-interest vendors
 /// (folded) with a switch for all of them.
-class QUILLET_EXPORT PurposeDetailsViewController final : public Screen {
+class PurposeDetailsViewController final : public Screen {
  public:
   PurposeDetailsViewController(PurposeModel purpose, std::vector<VendorModel> consentVendors,
                                std::vector<VendorModel> liVendors, std::string accent);
 
   std::string title() const override;
+  std::string_view kind() const noexcept override { return "purposeDetails"; }
   std::string document() const override;
 
   /// The master switch: pending purpose consent, then each consent vendor, no notification.

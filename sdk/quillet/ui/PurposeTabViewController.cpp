@@ -1,6 +1,6 @@
 #include "quillet/ui/PurposeTabViewController.h"
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationNames.h"

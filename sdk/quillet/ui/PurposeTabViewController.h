@@ -10,7 +10,6 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/VendorModel.h"
@@ -27,7 +26,7 @@ namespace quillet {
 /// store and a notification). Observes the special-feature and legitimate-interest
 /// notifications and brings its switches in line. Used on the main thread; notifications from
 /// other threads are handled there.
-class QUILLET_EXPORT PurposeTabViewController {
+class PurposeTabViewController {
  public:
   PurposeTabViewController(std::vector<PurposeModel> purposes,
                            std::vector<boost::json::object> specialFeatures,

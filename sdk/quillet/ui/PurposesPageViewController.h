@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/ui/Screen.h"
@@ -18,7 +17,7 @@ namespace quillet {
 /// The list of purposes inside the purposes tab: one "PurposeCell" row per purpose with its name,
 /// the hint "Tap to read more" and a consent switch. The switches belong to the owner, which
 /// hands them in and outlives this page.
-class QUILLET_EXPORT PurposesPageViewController {
+class PurposesPageViewController {
  public:
   static constexpr std::string_view kCellIdentifier = "PurposeCell";
 

@@ -2,8 +2,8 @@
 
 #include <charconv>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
 #include "quillet/ui/Html.h"
 #include "quillet/ui/ScreenHost.h"
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 
@@ -75,6 +75,9 @@ class QUILLET_EXPORT Screen : public std::enable_shared_from_this<Screen> {
   Screen& operator=(const Screen&) = delete;
 
   virtual std::string title() const = 0;
+  /// What kind of screen this is, for hosts that present kinds differently: "banner",
+  /// "secondLayer", "purposeDetails", "vendorDetails", "disclosure"; "screen" by default.
+  virtual std::string_view kind() const noexcept { return "screen"; }
   /// The whole HTML document for the current state.
   virtual std::string document() const = 0;
   /// Native controls for the host to draw, in order; none by default.

@@ -1,6 +1,5 @@
 #include "quillet/ui/ScreenContent.h"
 
-#include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 
 namespace quillet {
@@ -20,9 +19,7 @@ std::vector<std::int64_t> ScreenContent::vendorIds() const {
 }
 
 std::vector<std::int64_t> ScreenContent::specialFeatureKeys() const {
-  if (!gvl) return {};
-  const boost::json::object* features = Json::object(Json::member(*gvl, "specialFeatures"));
-  return features != nullptr ? VendorList::integerKeys(*features) : std::vector<std::int64_t>{};
+  return gvl ? VendorList::specialFeatureKeys(*gvl) : std::vector<std::int64_t>{};
 }
 
 }  // namespace quillet

@@ -7,8 +7,8 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/ConsentAction.h"
-#include "quillet/core/Export.h"
+#include "quillet/base/ConsentAction.h"
+#include "quillet/base/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/ConsentSelections.h"
 #include "quillet/model/PurposeModel.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 #include "quillet/ui/Screen.h"
 
 namespace quillet {

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/core/Platform.h"
-#include "quillet/core/QltLog.h"
+#include "quillet/base/MainQueue.h"
+#include "quillet/base/Platform.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/state/ConsentCommit.h"
+#include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
 #include "quillet/state/VendorConsentStore.h"
@@ -23,13 +24,14 @@ SecondLayerViewController::SecondLayerViewController(ScreenContent content)
     : content_(std::move(content)) {
   // Observers run on the posting thread; the screen is only touched on the main thread, where
   // it is also destroyed, so the weak flag tells whether it is still there.
-  vendorObserver_ = NotificationCenter::defaultCenter().addObserver(
-      std::string(NotificationNames::vendorConsentChanged),
-      [this, alive = std::weak_ptr<bool>(alive_)](const Notification&) {
-        runOnMainThread([this, alive] {
-          if (!alive.expired() && !handling_) scheduleRender();
-        });
-      });
+  vendorObserver_ =
+      std::make_shared<NotificationCenter::Token>(NotificationCenter::defaultCenter().addObserver(
+          std::string(NotificationNames::vendorConsentChanged),
+          [this, alive = std::weak_ptr<bool>(alive_)](const Notification&) {
+            runOnMainThread([this, alive] {
+              if (!alive.expired() && !handling_) scheduleRender();
+            });
+          }));
 }
 
 void SecondLayerViewController::scheduleRender() {

@@ -6,8 +6,7 @@
 #include <set>
 #include <vector>
 
-#include "quillet/core/Export.h"
-#include "quillet/state/NotificationCenter.h"
+#include "quillet/base/Export.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/ScreenContent.h"
 
@@ -36,6 +35,7 @@ class QUILLET_EXPORT SecondLayerViewController final : public Screen {
   ~SecondLayerViewController() override;
 
   std::string title() const override;
+  std::string_view kind() const noexcept override { return "secondLayer"; }
   std::string document() const override;
 
   void saveTapped();
@@ -71,7 +71,7 @@ class QUILLET_EXPORT SecondLayerViewController final : public Screen {
   bool handling_ = false;  // inside this screen's own event, which renders it anyway
   bool renderScheduled_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-  NotificationCenter::Token vendorObserver_;
+  std::shared_ptr<void> vendorObserver_;  // the observation of vendor consent changes
   std::int64_t selected_ = 0;
   std::unique_ptr<PurposeTabViewController> purposeVC_;
   std::unique_ptr<VendorsPageViewController> vendorsVC_;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/Url.h"
 #include "quillet/state/NotificationNames.h"

@@ -9,7 +9,6 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/ui/Screen.h"
 #include "quillet/ui/WebCMPStyleToggle.h"
@@ -22,7 +21,7 @@ class VendorConsentStore;
 /// (kept in step with each other), its special features, what it stores on the device, its
 /// privacy policy, and the way to its device storage disclosure. Observes the vendor and
 /// special-feature notifications and brings its switches in line.
-class QUILLET_EXPORT VendorDetailsViewController final : public Screen {
+class VendorDetailsViewController final : public Screen {
  public:
   VendorDetailsViewController(boost::json::object vendor,
                               std::shared_ptr<const boost::json::object> gvl,
@@ -31,6 +30,7 @@ class QUILLET_EXPORT VendorDetailsViewController final : public Screen {
   ~VendorDetailsViewController() override;
 
   std::string title() const override;
+  std::string_view kind() const noexcept override { return "vendorDetails"; }
   std::string document() const override;
 
   void mainConsentChanged(bool isOn);

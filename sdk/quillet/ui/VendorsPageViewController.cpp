@@ -1,6 +1,6 @@
 #include "quillet/ui/VendorsPageViewController.h"
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/state/VendorConsentStore.h"
 #include "quillet/ui/Html.h"
 #include "quillet/ui/WebCMPStyleToggle.h"

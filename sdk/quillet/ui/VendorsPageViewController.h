@@ -10,7 +10,6 @@
 
 #include <boost/json/object.hpp>
 
-#include "quillet/core/Export.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/Screen.h"
@@ -21,7 +20,7 @@ class VendorConsentStore;
 
 /// The vendors page of the second layer: one "VendorCell" row per vendor with its consent
 /// switch (read from and written to the vendor consent store) and a way to its details.
-class QUILLET_EXPORT VendorsPageViewController {
+class VendorsPageViewController {
  public:
   static constexpr std::string_view kCellIdentifier = "VendorCell";
 

@@ -4,15 +4,13 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Export.h"
-
 namespace quillet {
 
 /// The on/off switch of every consent row: a rounded track with a sliding knob that shows a
 /// check mark when on and a cross when off, and that can be locked on. The owner renders it into
 /// its document with `html` and forwards taps on it to `tap`. Not thread-safe: the screens use
 /// it on the main thread.
-class QUILLET_EXPORT WebCMPStyleToggle {
+class WebCMPStyleToggle {
  public:
   /// How the switch is drawn for its current state.
   struct Appearance {

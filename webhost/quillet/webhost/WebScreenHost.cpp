@@ -8,13 +8,7 @@
 #include <httplib.h>
 #include <sys/socket.h>
 
-#include "quillet/core/MainQueue.h"
-#include "quillet/model/Json.h"
-#include "quillet/ui/CMPBannerViewController.h"
-#include "quillet/ui/DeviceStorageDisclosureViewController.h"
-#include "quillet/ui/PurposeDetailsViewController.h"
-#include "quillet/ui/SecondLayerViewController.h"
-#include "quillet/ui/VendorDetailsViewController.h"
+#include "quillet/base/MainQueue.h"
 #include "quillet/webhost/HostPage.h"
 
 namespace quillet {
@@ -23,15 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kKeepAlive = 15s;
-
-std::string kindOf(const Screen& screen) {
-  if (dynamic_cast<const CMPBannerViewController*>(&screen)) return "banner";
-  if (dynamic_cast<const SecondLayerViewController*>(&screen)) return "secondLayer";
-  if (dynamic_cast<const PurposeDetailsViewController*>(&screen)) return "purposeDetails";
-  if (dynamic_cast<const VendorDetailsViewController*>(&screen)) return "vendorDetails";
-  if (dynamic_cast<const DeviceStorageDisclosureViewController*>(&screen)) return "disclosure";
-  return "screen";
-}
 
 std::string_view kindOf(NativeControl::Kind kind) {
   switch (kind) {
@@ -57,9 +42,17 @@ std::int64_t idOf(const httplib::Request& request) {
 
 // The JSON object of a request body, or an empty one.
 boost::json::object bodyOf(const httplib::Request& request) {
-  const auto parsed = Json::parse(request.body);
-  if (parsed && parsed->is_object()) return parsed->as_object();
+  boost::system::error_code error;
+  boost::json::value parsed = boost::json::parse(request.body, error);
+  if (!error && parsed.is_object()) return std::move(parsed.as_object());
   return {};
+}
+
+// A text member of a request body; empty when missing or of another kind.
+std::string textMember(const boost::json::object& body, std::string_view key) {
+  const auto* found = body.if_contains(key);
+  const auto* text = found != nullptr ? found->if_string() : nullptr;
+  return text != nullptr ? std::string(*text) : std::string();
 }
 
 void sendJson(httplib::Response& response, const boost::json::value& value) {
@@ -189,7 +182,7 @@ std::string WebScreenHost::stateJson() {
     list.push_back(
         {{"id", id->second.first},
          {"docVersion", id->second.second},
-         {"kind", kindOf(*screen)},
+         {"kind", std::string(screen->kind())},
          {"title", screen->title()},
          {"hidden", screen->isHidden()},
          {"style", styles[i].style == PresentationStyle::sheet ? "sheet" : "fullScreen"},
@@ -252,9 +245,10 @@ void WebScreenHost::route() {
     const auto id = idOf(request);
     const auto body = bodyOf(request);
     Navigation navigation;
-    navigation.url = std::string(Json::string(Json::member(body, "url")).value_or(""));
+    navigation.url = textMember(body, "url");
+    const auto* activation = body.if_contains("linkActivation");
     navigation.isLinkActivation =
-        Json::boolean(Json::member(body, "linkActivation")).value_or(true);
+        activation == nullptr || !activation->is_bool() || activation->get_bool();
     std::string policy = "cancel";
     onMain([&] {
       if (const auto screen = screenById(id)) {
@@ -263,15 +257,15 @@ void WebScreenHost::route() {
     });
     sendJson(response, boost::json::object{{"policy", policy}});
   });
-  server_->Post(R"(/screen/(\d+)/perform)", [this](const httplib::Request& request,
-                                                   httplib::Response& response) {
-    const auto id = idOf(request);
-    const std::string action(Json::string(Json::member(bodyOf(request), "action")).value_or(""));
-    onMain([&] {
-      if (const auto screen = screenById(id)) screen->perform(action);
-    });
-    sendJson(response, boost::json::object{});
-  });
+  server_->Post(R"(/screen/(\d+)/perform)",
+                [this](const httplib::Request& request, httplib::Response& response) {
+                  const auto id = idOf(request);
+                  const std::string action = textMember(bodyOf(request), "action");
+                  onMain([&] {
+                    if (const auto screen = screenById(id)) screen->perform(action);
+                  });
+                  sendJson(response, boost::json::object{});
+                });
   server_->Post(R"(/action/(\d+))",
                 [this](const httplib::Request& request, httplib::Response& response) {
                   const auto id = idOf(request);

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

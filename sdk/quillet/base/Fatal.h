@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

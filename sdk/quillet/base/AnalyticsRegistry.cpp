@@ -1,4 +1,4 @@
-#include "quillet/core/AnalyticsRegistry.h"
+#include "quillet/base/AnalyticsRegistry.h"
 
 namespace quillet {
 

@@ -1,4 +1,4 @@
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "quillet/core/Locale.h"
+#include "quillet/base/Locale.h"
 
 #include <cstdlib>
 #include <string_view>

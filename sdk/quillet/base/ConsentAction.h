@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

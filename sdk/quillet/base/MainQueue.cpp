@@ -1,6 +1,6 @@
-#include "quillet/core/MainQueue.h"
+#include "quillet/base/MainQueue.h"
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 

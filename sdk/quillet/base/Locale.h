@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

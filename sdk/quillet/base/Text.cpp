@@ -1,4 +1,4 @@
-#include "quillet/core/Text.h"
+#include "quillet/base/Text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -9,7 +9,7 @@
 #include <unicode/ustring.h>
 #include <unicode/utypes.h>
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet::Text {
 namespace {

@@ -1,4 +1,4 @@
-#include "quillet/core/Clock.h"
+#include "quillet/base/Clock.h"
 
 namespace quillet {
 namespace {
@@ -13,8 +13,8 @@ class SystemClock final : public Clock {
 }  // namespace
 
 const Clock& systemClock() noexcept {
-  static const SystemClock clock;
-  return clock;
+  static const SystemClock* const clock = new SystemClock();  // read by threads at exit too
+  return *clock;
 }
 
 }  // namespace quillet

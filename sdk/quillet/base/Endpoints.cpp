@@ -1,6 +1,6 @@
-#include "quillet/network/Endpoints.h"
+#include "quillet/base/Endpoints.h"
 
-#include "quillet/network/BuiltInEndpoints.h"
+#include "quillet/base/BuiltInEndpoints.h"
 
 namespace quillet {
 

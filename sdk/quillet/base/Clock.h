@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

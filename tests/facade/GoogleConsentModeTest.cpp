@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/base/AnalyticsRegistry.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/codec/QLTCMPUtils.h"
-#include "quillet/core/AnalyticsRegistry.h"
 #include "quillet/core/GoogleConsentMode.h"
-#include "quillet/core/QltLog.h"
 
 #include "support/RecordingLogSink.h"
 

@@ -1,4 +1,4 @@
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 
 #include <array>
 #include <chrono>
@@ -31,14 +31,16 @@ struct Settings {
   std::shared_ptr<LogSink> sink;  // null: standard output
 };
 
+// Process-wide and never destroyed, like the sink below: HTTP completions and main-queue tasks
+// may log while the process exits.
 Settings& settings() {
-  static Settings instance;
-  return instance;
+  static Settings* const instance = new Settings();
+  return *instance;
 }
 
 LogSink& standardOutput() {
-  static StandardOutputSink sink;
-  return sink;
+  static StandardOutputSink* const sink = new StandardOutputSink();
+  return *sink;
 }
 
 // ISO 8601 in UTC with whole seconds: 2024-05-01T10:00:00Z.

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "quillet/core/Export.h"
+#include "quillet/base/Export.h"
 
 namespace quillet {
 

@@ -1,4 +1,4 @@
-#include "quillet/core/Uuid.h"
+#include "quillet/base/Uuid.h"
 
 #include <array>
 #include <cerrno>
@@ -6,7 +6,7 @@
 
 #include <sys/random.h>
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 

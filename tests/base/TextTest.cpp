@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "quillet/core/Text.h"
+#include "quillet/base/Text.h"
 
 namespace quillet {
 namespace {

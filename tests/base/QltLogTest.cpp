@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "quillet/core/QltLog.h"
+#include "quillet/base/QltLog.h"
 
 #include "support/RecordingLogSink.h"
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <variant>
 
-#include "quillet/core/Fatal.h"
+#include "quillet/base/Fatal.h"
 
 namespace quillet {
 

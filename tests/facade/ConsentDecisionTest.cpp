@@ -1,0 +1,195 @@
+#include <boost/json/parse.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "quillet/codec/QLTCMPUtils.h"
+#include "quillet/codec/TCString.h"
+#include "quillet/core/ConsentDecision.h"
+
+#include "SmallVendorList.h"
+
+namespace quillet {
+namespace {
+
+using ConsentDecision::Choices;
+using ConsentDecision::Ids;
+using ConsentDecision::StoreContents;
+using ::testing::ElementsAre;
+
+const boost::json::object& smallVendorList() {
+  static const boost::json::object gvl = boost::json::parse(testing::kSmallVendorList).as_object();
+  return gvl;
+}
+
+// What the facade would read: the small vendor list with vendors 8, 10 and 755 selected and the
+// purposes they declare configured.
+struct Case {
+  const char* name;
+  ConsentAction action;
+  Choices expected;
+  Ids purposeIds = {1, 2, 3, 7, 10};
+  Ids vendorIds = {8, 10, 755};
+  NestedConsentFlags legitimateInterests = {};
+  ConsentFlags specialFeatureMasters = {};
+  const char* gvl = testing::kSmallVendorList;
+};
+
+TEST(ConsentDecision, TheFiveListsOfEachAction) {
+  const NestedConsentFlags li{
+      {8, {{7, true}}}, {755, {{2, false}, {10, true}}}, {900, {{11, true}}}};
+  const Case cases[] = {
+      {"accept all: what the selected vendors declare, legitimate interest narrowed to the "
+       "configuration",
+       ConsentAction::acceptAll(),
+       {{1, 2, 3, 4}, {2, 7, 10}, {1, 2}, {8, 10, 755}, {8, 755}}},
+      {"accept all with an empty selection consents to nothing but the special features",
+       ConsentAction::acceptAll(),
+       {{}, {}, {1, 2}, {}, {}},
+       {1, 2},
+       {}},
+      {"accept all with the special features as an array",
+       ConsentAction::acceptAll(),
+       {{1, 3}, {}, {3, 5}, {10}, {}},
+       {1, 3},
+       {10},
+       {},
+       {},
+       R"({"specialFeatures": [{"id": 5}, {"name": "no id"}, {"id": 3}],
+           "vendors": {"10": {"purposes": [1, 3], "legIntPurposes": []}}})"},
+      {"a vendor without an entry or with a mistyped list declares nothing",
+       ConsentAction::acceptAll(),
+       {{2}, {}, {}, {4, 5, 6}, {}},
+       {1, 2},
+       {6, 5, 4},
+       {},
+       {},
+       R"({"vendors": {"5": {"purposes": [2], "legIntPurposes": ["7"]}, "6": []}})"},
+      {"reject all", ConsentAction::rejectAll(), {}, {1, 2}, {8}, li, {{1, true}}},
+      {"customize keeps the given order of configured purposes and sorts the selected vendors",
+       ConsentAction::customize({7, 99, 1}, {755, 900, 8}),
+       {{7, 1}, {7, 10}, {2}, {8, 755}, {8, 755}},
+       {1, 2, 3, 7, 10},
+       {8, 10, 755},
+       li,
+       {{1, false}, {2, true}}},
+      {"customize without switches on",
+       ConsentAction::customize({}, {10}),
+       {{}, {}, {}, {10}, {}},
+       {1},
+       {10},
+       {{8, {{7, false}}}},
+       {{1, false}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const boost::json::object gvl = boost::json::parse(c.gvl).as_object();
+    const VendorList::Facts facts = VendorList::facts(gvl);
+    const Choices chosen =
+        ConsentDecision::choose(c.action, {.gvl = gvl,
+                                           .facts = facts,
+                                           .purposeIds = c.purposeIds,
+                                           .vendorIds = c.vendorIds,
+                                           .publisherCC = std::nullopt,
+                                           .consentLanguage = "EN",
+                                           .legitimateInterests = c.legitimateInterests,
+                                           .specialFeatureMasters = c.specialFeatureMasters,
+                                           .now = {}});
+    EXPECT_EQ(chosen.purposeConsents, c.expected.purposeConsents);
+    EXPECT_EQ(chosen.purposeLegitimateInterests, c.expected.purposeLegitimateInterests);
+    EXPECT_EQ(chosen.specialFeatureOptins, c.expected.specialFeatureOptins);
+    EXPECT_EQ(chosen.vendorConsents, c.expected.vendorConsents);
+    EXPECT_EQ(chosen.vendorLegitimateInterests, c.expected.vendorLegitimateInterests);
+  }
+}
+
+TEST(ConsentDecision, TheStringCarriesTheListsTheMetadataAndEverySelectedVendor) {
+  const auto& gvl = smallVendorList();
+  const VendorList::Facts facts = VendorList::facts(gvl);
+  const Ids purposeIds{1, 2, 3, 7, 10};
+  const Ids vendorIds{755, 8, 10};
+  const NestedConsentFlags none;
+  const ConsentFlags noFeatures;
+  const auto now = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
+  struct Row {
+    ConsentAction action;
+    std::optional<std::string_view> publisherCC;
+    const char* country;
+    bool consent;
+    const char* eventType;
+  };
+  const Row rows[] = {
+      {ConsentAction::acceptAll(), "de", "DE", true, "accepted"},
+      {ConsentAction::rejectAll(), std::nullopt, "US", false, "rejected"},
+      {ConsentAction::customize({1}, {8}), "gbr", "GB", true, "customized"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.eventType);
+    const auto decision = ConsentDecision::decide(row.action, {.gvl = gvl,
+                                                               .facts = facts,
+                                                               .purposeIds = purposeIds,
+                                                               .vendorIds = vendorIds,
+                                                               .publisherCC = row.publisherCC,
+                                                               .consentLanguage = "FR",
+                                                               .legitimateInterests = none,
+                                                               .specialFeatureMasters = noFeatures,
+                                                               .now = now});
+    EXPECT_EQ(decision.consent, row.consent);
+    EXPECT_EQ(decision.eventType, row.eventType);
+    const auto tc = TCString::parse(decision.tcString);
+    ASSERT_TRUE(tc) << tc.error().message();
+    EXPECT_EQ(tc->purposeConsents.ids(), decision.choices.purposeConsents);
+    EXPECT_EQ(tc->vendorConsents.ids, decision.choices.vendorConsents);
+    EXPECT_EQ(tc->vendorConsents.maxVendorId, 900);
+    EXPECT_EQ(tc->publisherCountryCode, row.country);
+    EXPECT_EQ(tc->consentLanguage, "FR");
+    EXPECT_EQ(tc->cmpId, 471);
+    EXPECT_EQ(tc->cmpVersion, 1);
+    EXPECT_TRUE(tc->isServiceSpecific);
+    EXPECT_EQ(tc->vendorListVersion, 12);
+    EXPECT_EQ(tc->policyVersion, 4);
+    EXPECT_EQ(tc->created, 17000000001U);
+    EXPECT_EQ(tc->lastUpdated, tc->created);
+    ASSERT_TRUE(tc->vendorsAllowed.has_value());
+    EXPECT_THAT(tc->vendorsAllowed->ids, ElementsAre(8, 10, 755));
+  }
+}
+
+TEST(ConsentDecision, WhatTheStoresHoldForAStoredString) {
+  const auto& gvl = smallVendorList();
+  const Ids purposeIds{1, 2, 7};
+  const Ids vendorIds{8, 10, 755};
+  const std::string core = QLTCMPUtils::encodeTCString(
+      QLTCMPUtils::TCStringInput{.purposeConsents = {1, 7},
+                                 .purposeLegitimateInterests = {7, 10},
+                                 .specialFeatureOptins = {2},
+                                 .vendorConsents = {10, 900},
+                                 .vendorLegitimateInterests = {8, 10, 755},
+                                 .gvlVendorIds = {900}});
+  const StoreContents expected{
+      .purposes = {{1, true}, {2, false}, {7, true}},
+      .vendors = {{8, false}, {10, true}, {755, false}},
+      // 10 declares no legitimate interest; 755's purpose 2 is not in the string.
+      .legitimateInterests = {{8, {{7, true}}}, {755, {{7, true}, {10, true}}}},
+      .specialFeatureMasters = {{1, false}, {2, true}},
+  };
+  EXPECT_EQ(ConsentDecision::storeContents(core, purposeIds, vendorIds, gvl), expected);
+  EXPECT_EQ(ConsentDecision::storeContents(core + ".IFoEUQQgAIQwgIwQABAEAAAAOIAACAIAUA", purposeIds,
+                                           vendorIds, gvl),
+            expected)
+      << "only the core before the first separator is read";
+
+  const boost::json::object arrayFeatures =
+      boost::json::parse(R"({"specialFeatures": [{"id": 2}]})").as_object();
+  const auto withoutFeatures = ConsentDecision::storeContents(core, {}, {}, arrayFeatures);
+  ASSERT_TRUE(withoutFeatures.has_value());
+  EXPECT_EQ(*withoutFeatures, StoreContents{}) << "an array of special features is not read";
+
+  for (const std::string_view undecodable : {"", ".", "not base64!", "CAAAAAA"}) {
+    SCOPED_TRACE(undecodable);
+    EXPECT_EQ(ConsentDecision::storeContents(undecodable, purposeIds, vendorIds, gvl),
+              std::nullopt);
+  }
+}
+
+}  // namespace
+}  // namespace quillet
