@@ -144,7 +144,10 @@ TEST(ConsentDecision, TheStringCarriesTheListsTheMetadataAndEverySelectedVendor)
     EXPECT_EQ(tc->consentLanguage, "FR");
     EXPECT_EQ(tc->cmpId, 471);
     EXPECT_EQ(tc->cmpVersion, 1);
+    EXPECT_EQ(tc->consentScreen, 0);
     EXPECT_TRUE(tc->isServiceSpecific);
+    EXPECT_FALSE(tc->useNonStandardTexts);
+    EXPECT_FALSE(tc->purposeOneTreatment);
     EXPECT_EQ(tc->vendorListVersion, 12);
     EXPECT_EQ(tc->policyVersion, 4);
     EXPECT_EQ(tc->created, 17000000001U);

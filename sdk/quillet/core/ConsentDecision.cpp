@@ -3,21 +3,15 @@
 #include <algorithm>
 
 #include "quillet/base/Clock.h"
+#include "quillet/base/IdList.h"
 #include "quillet/base/Text.h"
 #include "quillet/codec/QLTCMPUtils.h"
 
 namespace quillet::ConsentDecision {
 namespace {
 
-Ids sortedUnique(Ids ids) {
-  std::sort(ids.begin(), ids.end());
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  return ids;
-}
-
-bool contains(const Ids& sorted, std::int64_t id) {
-  return std::binary_search(sorted.begin(), sorted.end(), id);
-}
+using IdList::contains;
+using IdList::sortedUnique;
 
 Ids declared(const boost::json::object& vendors, std::int64_t vendorId, std::string_view key) {
   return VendorList::declared(vendors, vendorId, key).value_or(Ids{});

@@ -4,6 +4,7 @@
 #include <future>
 
 #include "quillet/base/Fatal.h"
+#include "quillet/base/IdList.h"
 #include "quillet/base/Locale.h"
 #include "quillet/base/MainQueue.h"
 #include "quillet/base/Platform.h"
@@ -38,15 +39,8 @@ std::optional<std::string> storedConsent() {
   return text;
 }
 
-Ids sortedUnique(Ids ids) {
-  std::sort(ids.begin(), ids.end());
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  return ids;
-}
-
-bool contains(const Ids& sorted, std::int64_t id) {
-  return std::binary_search(sorted.begin(), sorted.end(), id);
-}
+using IdList::contains;
+using IdList::sortedUnique;
 
 // Process-wide: the last consent event handed to the network, to skip exact repeats.
 struct LastPosted {

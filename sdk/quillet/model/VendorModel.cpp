@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "quillet/base/IdList.h"
 #include "quillet/base/QltLog.h"
 #include "quillet/base/Text.h"
 #include "quillet/model/BrandingConfig.h"
@@ -49,13 +50,9 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
     QltLog::e(kTag, "GVL missing 'vendors' key");
     return {};
   }
-  std::vector<std::int64_t> allowed =
-      config.selectedVendorIds().value_or(std::vector<std::int64_t>{});
-  std::sort(allowed.begin(), allowed.end());
-  allowed.erase(std::unique(allowed.begin(), allowed.end()), allowed.end());
-  const auto isAllowed = [&](std::int64_t id) {
-    return std::binary_search(allowed.begin(), allowed.end(), id);
-  };
+  const std::vector<std::int64_t> allowed =
+      IdList::sortedUnique(config.selectedVendorIds().value_or(std::vector<std::int64_t>{}));
+  const auto isAllowed = [&](std::int64_t id) { return IdList::contains(allowed, id); };
   QltLog::d(kTag, [&] { return "Allowed Vendor IDs: " + Text::printedList(allowed); });
   QltLog::d(kTag, [&] {
     std::vector<std::string_view> keys;
