@@ -2,17 +2,17 @@
 //
 //   facade_tool STORE --cdn URL --api URL [--decide accept|reject|none]
 //   facade_tool STORE --serve VENDOR_LIST_FILE CONFIG_JSON [--decide ...]
-//   facade_tool STORE --serve VENDOR_LIST_FILE CONFIG_JSON --exit-in-flight
+//   facade_tool STORE --cdn URL --api URL --exit-in-flight
 //
 // It installs a platform on the SQLite store at STORE (with its own loopback server when
 // --serve is given), calls initialize("pub"), answers the banner as --decide says, and prints
 // what happened, one fact per line: "banner presented", "consent mode: k=v ...",
 // "TCString already present → ..." (from the log), "completion", "stored: <TC String>".
 // With --exit-in-flight it starts up on the library's default HTTP client, logging, and calls
-// std::exit while its server holds every answer back; the answers go out only once the exit has
-// destroyed what it destroys, so that the library's threads run on through the process's end.
+// std::exit while the first fetch waits on a slow server; its last exit handler waits long
+// enough for the answer to arrive after the exit destroyed what it destroys, so that the
+// library's threads run on through the process's end.
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -119,20 +119,13 @@ std::string fileText(const char* path) {
   return out.str();
 }
 
-// Trivially destructible, so that the exit handler below may still read and write it.
-std::atomic<bool> answersReleased{true};
-
-void releaseAnswersAtExit() {
-  answersReleased = true;
-  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+void lingerAtExit() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Registered before the library constructs anything, so it runs after the library's
-  // process-wide instances would have been destroyed.
-  std::atexit(releaseAnswersAtExit);
   if (argc < 2) return 2;
   std::string cdn, api, decide = "accept";
   std::string servedList, servedConfig;
@@ -155,22 +148,17 @@ int main(int argc, char** argv) {
   }
   httplib::Server server;
   std::thread serving;
-  if (decide == "exit") answersReleased = false;
-  const auto held = [] {
-    while (!answersReleased)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  };
+  // Registered before the library constructs anything, so that it runs after the library's
+  // process-wide instances would have been destroyed.
+  if (decide == "exit") std::atexit(lingerAtExit);
   if (!servedList.empty()) {
     server.Get("/cdn/pub/banner_config.json", [&](const httplib::Request&, httplib::Response& r) {
-      held();
       r.set_content(servedConfig, "application/octet-stream");
     });
     server.Get("/cdn/gvl.json", [&](const httplib::Request&, httplib::Response& r) {
-      held();
       r.set_content(servedList, "application/octet-stream");
     });
-    server.Post(R"(/api/.*)", [&](const httplib::Request&, httplib::Response& r) {
-      held();
+    server.Post(R"(/api/.*)", [](const httplib::Request&, httplib::Response& r) {
       r.set_content("{}", "application/json");
     });
     const int port = server.bind_to_any_port("127.0.0.1");

@@ -406,10 +406,10 @@ TEST_F(QuilletCMPTest, TheBundledDemoConfigurationShowsItsGoldenBanner) {
 }
 
 TEST_F(QuilletCMPTest, AHostMayExitWhileAFetchAndAPostAreInFlight) {
-  const std::string vendorList = (directory_ / "gvl.json").string();
-  std::ofstream(vendorList) << testing::kSmallVendorList;
-  const auto run = runTool({(directory_ / "exit.sqlite").string(), "--serve", vendorList,
-                            testing::kSmallConfig, "--exit-in-flight"});
+  // The configuration arrives while the child's last exit handler waits.
+  server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig, .delay = 1s});
+  const auto run = runTool({(directory_ / "exit.sqlite").string(), "--cdn", server_.cdnBase(),
+                            "--api", server_.apiBase(), "--exit-in-flight"});
   EXPECT_EQ(run.status, 0) << run.out << run.err;
   EXPECT_THAT(run.out, ::testing::HasSubstr("exiting\n"));
 }
