@@ -13,7 +13,6 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/core/ConsentDecision.h"
 #include "quillet/core/GoogleConsentMode.h"
-#include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/state/PendingConsentStore.h"
