@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -19,6 +20,15 @@ inline std::string testdataText(const std::string& name) {
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
+}
+
+/// Whether `text` is the whole of testdata/golden/<name>; with QUILLET_UPDATE_GOLDEN=1 in the
+/// environment it rewrites that file instead (review the difference before committing it).
+inline bool matchesGolden(const std::string& name, const std::string& text) {
+  if (std::getenv("QUILLET_UPDATE_GOLDEN") != nullptr) {
+    std::ofstream(std::string(QUILLET_TESTDATA_DIR) + "/golden/" + name, std::ios::binary) << text;
+  }
+  return text == testdataText("golden/" + name);
 }
 
 /// A JSON object from text; throws (failing the test) when it is not one.
