@@ -7,6 +7,7 @@
 #include "quillet/ui/Html.h"
 
 #include "support/RecordingLogSink.h"
+#include "support/TestData.h"
 #include "ui/ScreenFixture.h"
 
 namespace quillet {
@@ -14,112 +15,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-
-const std::string kHead =
-    "<html><head>\n  <meta name=\"viewport\" content=\"width=device-width,initial-scale=1\">\n  "
-    "<style>\n    "
-    "body{font-family:-apple-system,Arial,sans-serif;font-size:16px;color:#212121;margin:0}\n    "
-    "h1,h2,h3,h4,h5{margin-top:16px;margin-bottom:8px}\n    a{color:";
-const std::string kHeadEnd = ";text-decoration:underline}\n  </style>\n</head><body>";
-const std::string kIntroduction =
-    "<div style=\"padding:4px 0 0 0\">\n  <div "
-    "style=\"font-size:15.5px;line-height:1.55;color:#111;\">\n    We and selected partners use "
-    "device identifiers or similar technologies to\n    <b>store and/or access information on your "
-    "device</b>.\n  </div>\n\n  <div "
-    "style=\"margin-top:6px;font-size:15.5px;line-height:1.55;color:#111;\">\n    We also process "
-    "<b>personal data</b> (e.g., <b>unique identifiers</b>, app usage).\n    We do this either "
-    "with your <b>consent</b>, or – for some purposes – based on\n    <b>legitimate interest</b>. "
-    "You can give, refuse, or withdraw consent and\n    <b>object</b> to legitimate‑interest "
-    "processing at any time in <b>Manage Settings</b>.\n  </div>\n\n  <div "
-    "style=\"margin-top:10px;font-size:14.5px;line-height:1.6;color:#222;\">\n    <span "
-    "style=\"font-weight:600;\">Data processing activities include:</span>\n    <div "
-    "style=\"margin-top:4px;\">";
-const std::string kNoStacks = "No data processing activities enabled.";
-const std::string kBoldOpen = "<b>";
-const std::string kNameEnd = "</b>: ";
-const std::string kStackEnd = ".";
-const std::string kViewAllStart =
-    "<a id=\"qlt-view-all\" role=\"button\" aria-expanded=\"false\"\n   "
-    "href=\"javascript:void(0)\" onclick=\"qltToggleStacks(true)\"\n   "
-    "style=\"text-decoration:underline;color:";
-const std::string kViewAllMiddle = ";font-weight:600\">\n   View all data processing activities (";
-const std::string kViewAllEnd =
-    ")\n</a>\n<a id=\"qlt-hide-all\" role=\"button\" aria-expanded=\"true\"\n   "
-    "href=\"javascript:void(0)\" onclick=\"qltToggleStacks(false)\"\n   "
-    "style=\"display:none;text-decoration:underline;color:";
-const std::string kHideAllEnd = ";font-weight:600\">\n   Hide list\n</a>";
-const std::string kPreviewEnd = "</div>\n    ";
-const std::string kListStart =
-    "<ol id=\"qlt-stacks-all\"\n    style=\"display:none;margin:8px 0 0 0;padding-left:0;\n        "
-    "   list-style: none; /* custom numbers below stay inside */\">\n  ";
-const std::string kListEnd = "\n</ol>";
-const std::string kItemStart = "<li style=\"margin:6px 0;\">";
-const std::string kItemNumberEnd = ". <b>";
-const std::string kItemNameEnd = "</b>: ";
-const std::string kItemEnd = ".</li>";
-const std::string kVendorCountStart =
-    "\n  </div>\n\n  <div style=\"margin-top:8px;font-size:14.5px;color:#222;\">\n    This app "
-    "works with <b>";
-const std::string kVendorCountEnd = "</b> third‑party vendors. ";
-const std::string kVendorLinkStart = "<a href=\"";
-const std::string kVendorLinkMiddle = "\" style=\"text-decoration:underline;color:";
-const std::string kVendorLinkEnd = ";font-weight:600\">\n  View vendor list &amp; details\n</a>";
-const std::string kClosing =
-    "\n  </div>\n\n  <div style=\"margin-top:6px;font-size:13.5px;color:#333;\">\n    Your choices "
-    "apply to <b>this service</b>. You can resurface these settings\n    anytime from the Consent "
-    "icon or <b>Settings → Privacy → Consent</b>.\n  </div>\n</div>\n";
-const std::string kScript =
-    "<script>\nfunction qltToggleStacks(expand){\n  var list = "
-    "document.getElementById('qlt-stacks-all');\n  var view = "
-    "document.getElementById('qlt-view-all');\n  var hide = "
-    "document.getElementById('qlt-hide-all');\n  if(!list||!view||!hide) return;\n  if(expand){ "
-    "list.style.display='block'; view.style.display='none'; hide.style.display='inline'; "
-    "hide.setAttribute('aria-expanded','true'); }\n  else { list.style.display='none'; "
-    "view.style.display='inline'; hide.style.display='none'; "
-    "view.setAttribute('aria-expanded','false'); window.scrollTo({top:0, behavior:'smooth'}); "
-    "}\n}\n</script>";
-const std::string kTail = "</body></html>";
-
-struct Expected {
-  std::string linkColour = "#0057FF";
-  std::string preview;  // the joined previewed stacks, or the "no data" text
-  std::string unfold;   // the two unfold links, or nothing
-  std::string list;     // the whole <ol>, or nothing
-  std::size_t vendorCount = 3;
-  std::string anchor = "#qlt_customize_link";
-
-  std::string document() const {
-    return kHead + linkColour + kHeadEnd + kIntroduction + preview + " " + unfold + kPreviewEnd +
-           list + kVendorCountStart + std::to_string(vendorCount) + kVendorCountEnd +
-           kVendorLinkStart + anchor + kVendorLinkMiddle + linkColour + kVendorLinkEnd + kClosing +
-           kScript + kTail;
-  }
-};
-
-using Stacks = std::vector<std::pair<std::string, std::string>>;
-
-std::string unfoldLinks(const std::string& colour, std::size_t kept) {
-  return kViewAllStart + colour + kViewAllMiddle + std::to_string(kept) + kViewAllEnd + colour +
-         kHideAllEnd;
-}
-
-std::string listOf(const Stacks& stacks) {
-  std::string items;
-  for (std::size_t i = 0; i < stacks.size(); ++i) {
-    items += kItemStart + std::to_string(i + 1) + kItemNumberEnd + stacks[i].first + kItemNameEnd +
-             stacks[i].second + kItemEnd;
-  }
-  return kListStart + items + kListEnd;
-}
-
-std::string previewOf(const Stacks& stacks) {
-  std::string out;
-  for (std::size_t i = 0; i < std::min<std::size_t>(3, stacks.size()); ++i) {
-    if (i > 0) out += " ";
-    out += kBoldOpen + stacks[i].first + kNameEnd + stacks[i].second + kStackEnd;
-  }
-  return out;
-}
 
 // Stacks 1..6 need purposes 1 and 2 at most, 8 needs purpose 9, 9 needs special feature 1 only
 // (declared by vendor 755), 10 needs special feature 2 (declared by no vendor), 11 names nothing.
@@ -144,69 +39,37 @@ class BannerDocument : public testing::ScreenFixture {
   }
 };
 
-TEST_F(BannerDocument, SevenKeptStacksPreviewThreeAndListAllSeven) {
-  const auto screen = banner({.selectedPurposesIds = std::vector<std::int64_t>{2, 1}});
-  // S2 names special feature 2 but also purposes, so only its purposes count.
-  const Stacks kept = {{"S1", "d1"}, {"S2", "d2"}, {"S3", "d3"}, {"S4", "d4"},
-                       {"S5", "d5"}, {"S6", "d6"}, {"S9", "d9"}};
-  Expected expected;
-  expected.preview = previewOf(kept);
-  expected.unfold = unfoldLinks("#0057FF", 7);
-  expected.list = listOf(kept);
-  EXPECT_EQ(screen->document(), expected.document());
-}
-
-TEST_F(BannerDocument, ExactlyThreeKeptStacksWriteTheListButNoUnfoldLinks) {
-  const auto screen = banner({.selectedPurposesIds = std::vector<std::int64_t>{1}},
-                             R"({"1": {"name": "S1", "description": "d1", "purposes": [1]},
-                                 "2": {"name": "S2", "description": "d2", "purposes": [1]},
-                                 "3": {"name": "S3", "description": "d3", "purposes": [1]}})");
-  const Stacks kept = {{"S1", "d1"}, {"S2", "d2"}, {"S3", "d3"}};
-  Expected expected;
-  expected.preview = previewOf(kept);
-  expected.list = listOf(kept);
-  EXPECT_EQ(screen->document(), expected.document());
-}
-
-TEST_F(BannerDocument, WithoutSelectedPurposesOnlySpecialFeatureStacksRemain) {
-  for (const auto& selection :
-       {std::optional<std::vector<std::int64_t>>{}, std::optional(std::vector<std::int64_t>{})}) {
-    const auto screen = banner({.selectedPurposesIds = selection});
-    Expected expected;
-    expected.preview = previewOf({{"S9", "d9"}});
-    expected.list = listOf({{"S9", "d9"}});
-    EXPECT_EQ(screen->document(), expected.document());
-  }
-  // With no stacks at all the preview says so, and no list is written.
-  Expected expected;
-  expected.preview = kNoStacks;
-  EXPECT_EQ(banner({}, "[]")->document(), expected.document());
-}
-
-TEST_F(BannerDocument, StackTextsAreEscapedTheBannersWay) {
-  const auto screen =
-      banner({.selectedPurposesIds = std::vector<std::int64_t>{1}},
-             R"([{"name": "A<B>&C", "description": "x \"q\" <i>", "purposes": [1]}])");
-  Expected expected;
-  expected.preview = previewOf({{"A&gt;B&gt;&amp;C", "x \"q\" &gt;i&gt;"}});
-  expected.list = listOf({{"A&gt;B&gt;&amp;C", "x \"q\" &gt;i&gt;"}});
-  EXPECT_EQ(screen->document(), expected.document());
-}
-
-TEST_F(BannerDocument, BrandColourAndCustomizeAnchorAreUsedAsGivenAndEscaped) {
-  Expected expected;
-  expected.linkColour = "#112233";
-  expected.preview = kNoStacks;
-  expected.anchor = "#prefs";
-  EXPECT_EQ(banner({.brandColor = "#112233", .customizeLinkId = "prefs"}, "{}")->document(),
-            expected.document());
-  expected.anchor = "#already";
-  EXPECT_EQ(banner({.brandColor = "#112233", .customizeLinkId = "#already"}, "{}")->document(),
-            expected.document());
-  expected.anchor = "#x&quot; onmouseover=&quot;alert(1)";
-  EXPECT_EQ(banner({.brandColor = "#112233", .customizeLinkId = "x\" onmouseover=\"alert(1)"}, "{}")
-                ->document(),
-            expected.document());
+// Every row's whole document, one after the other, in testdata/golden/banner-documents.html.
+// Each was first written from the banner's defined literal pieces.
+TEST_F(BannerDocument, EachConfigurationGivesItsGoldenDocument) {
+  using Ids = std::optional<std::vector<std::int64_t>>;
+  const std::tuple<const char*, BrandingConfig::Fields, std::string> rows[] = {
+      // S2 names special feature 2 but also purposes, so only its purposes count: seven kept,
+      // three previewed, all seven listed behind the unfold links.
+      {"seven kept stacks", {.selectedPurposesIds = Ids{{2, 1}}}, kStacks},
+      {"exactly three: the list but no unfold links",
+       {.selectedPurposesIds = Ids{{1}}},
+       R"({"1": {"name": "S1", "description": "d1", "purposes": [1]},
+           "2": {"name": "S2", "description": "d2", "purposes": [1]},
+           "3": {"name": "S3", "description": "d3", "purposes": [1]}})"},
+      {"no selected purposes: only the special-feature stack", {}, kStacks},
+      {"an empty selection is none",
+       {.selectedPurposesIds = Ids{std::vector<std::int64_t>{}}},
+       kStacks},
+      {"no stacks at all: the preview says so and no list", {}, "[]"},
+      {"stack texts escaped the banner's way",
+       {.selectedPurposesIds = Ids{{1}}},
+       R"([{"name": "A<B>&C", "description": "x \"q\" <i>", "purposes": [1]}])"},
+      {"brand colour and anchor as given",
+       {.brandColor = "#112233", .customizeLinkId = "prefs"},
+       "{}"},
+      {"an anchor with its #", {.customizeLinkId = "#already"}, "{}"},
+      {"an anchor escaped", {.customizeLinkId = "x\" onmouseover=\"alert(1)"}, "{}"},
+  };
+  std::string all;
+  for (const auto& [name, fields, stacks] : rows)
+    all += std::string("<!-- ") + name + " -->\n" + banner(fields, stacks)->document() + "\n";
+  EXPECT_TRUE(testing::matchesGolden("banner-documents.html", all));
 }
 
 TEST_F(BannerDocument, ColourTextsAreReadOneWayForLinksAndAnotherForButtons) {
