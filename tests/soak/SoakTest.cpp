@@ -3,27 +3,20 @@
 // Under the address sanitizer the leak checker runs at exit. SOAK_SCALE (a percentage, default
 // 100) shortens the runs for a quick look.
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <functional>
 #include <future>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
-#include "quillet/state/PendingConsentStore.h"
-#include "quillet/state/PurposeConsentStore.h"
-#include "quillet/state/SpecialFeatureConsentStore.h"
-#include "quillet/state/VendorConsentStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
 #include "facade/SmallVendorList.h"
@@ -51,14 +44,6 @@ std::int64_t heapInUse() {
   const struct mallinfo2 info = mallinfo2();
   return static_cast<std::int64_t>(info.uordblks + info.hblkhd);
 #endif
-}
-
-std::int64_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::int64_t size = 0;
-  std::int64_t resident = 0;
-  statm >> size >> resident;
-  return resident * sysconf(_SC_PAGESIZE);
 }
 
 int scaled(int count) {
@@ -98,12 +83,26 @@ class SoakTest : public ::testing::Test {
   // both measurements see the same quiet state.
   static void settle() { std::this_thread::sleep_for(1500ms); }
 
-  static void report(const char* what, std::int64_t heapBefore, std::int64_t heapAfter,
-                     std::int64_t rssBefore, std::int64_t rssAfter) {
-    std::printf("%s: heap in use %lld -> %lld bytes (%+lld), resident %lld -> %lld bytes (%+lld)\n",
-                what, static_cast<long long>(heapBefore), static_cast<long long>(heapAfter),
-                static_cast<long long>(heapAfter - heapBefore), static_cast<long long>(rssBefore),
-                static_cast<long long>(rssAfter), static_cast<long long>(rssAfter - rssBefore));
+  // Runs `step` `total` times; the heap is measured after the warm-up rounds (once `quiet` holds
+  // for them) and at the end (once it holds for all), and must not have grown by a megabyte.
+  void expectFlatHeap(const char* what, int total, int warmUp,
+                      const std::function<bool(std::size_t)>& quiet,
+                      const std::function<void(int)>& step) {
+    std::int64_t before = 0;
+    for (int i = 0; i < total; ++i) {
+      if (i == warmUp) {
+        ASSERT_TRUE(quiet(static_cast<std::size_t>(i)));
+        settle();
+        before = heapInUse();
+      }
+      step(i);
+    }
+    ASSERT_TRUE(quiet(static_cast<std::size_t>(total)));
+    settle();
+    const std::int64_t after = heapInUse();
+    std::printf("%s: heap in use %lld -> %lld bytes\n", what, static_cast<long long>(before),
+                static_cast<long long>(after));
+    EXPECT_LT(std::abs(after - before), kMegabyte);
   }
 
   testing::TestServer server_;
@@ -115,82 +114,42 @@ TEST_F(SoakTest, TenThousandDecisionsKeepTheHeapFlatAndPostEveryOne) {
   const auto facade = QuilletCMP::create();
   startUp(*facade);
   ASSERT_TRUE(facade->isConfigLoaded());
-
   const int total = scaled(10000);
-  const int warmUp = std::min(300, total / 10);
-  std::int64_t heapBefore = 0;
-  std::int64_t rssBefore = 0;
-  const std::vector<std::int64_t> purposes = {1, 2, 3, 7, 10};
-  const std::vector<std::int64_t> vendors = {8, 10, 755};
-  for (int i = 0; i < total; ++i) {
-    if (i == warmUp) {
-      ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(i), 60s));
-      settle();
-      heapBefore = heapInUse();
-      rssBefore = residentBytes();
-    }
+  const auto posted = [this](std::size_t n) { return server_.waitFor("/api/v1/consent", n, 120s); };
+  expectFlatHeap("decisions", total, std::min(300, total / 10), posted, [&](int i) {
     // People decide one at a time: every 50 decisions the posts catch up, so that what is
     // measured is the library's state, not a queue of ten thousand posts.
-    if (i % 50 == 0) {
-      ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(i), 60s))
-          << "decision " << i << ": " << server_.count("/api/v1/consent") << " posts arrived";
-    }
-    switch (i % 3) {
-      case 0:
-        facade->acceptAllSelections();
-        break;
-      case 1:
-        facade->rejectAllSelections();
-        break;
-      default: {
-        // A different choice each time: purposes and vendors picked by the bits of i.
-        std::vector<std::int64_t> p;
-        std::vector<std::int64_t> v;
-        for (std::size_t b = 0; b < purposes.size(); ++b)
-          if (((i / 3) >> b) & 1) p.push_back(purposes[b]);
-        for (std::size_t b = 0; b < vendors.size(); ++b)
-          if (((i / 3) >> (b + 2)) & 1) v.push_back(vendors[b]);
-        facade->applyCustomSelections(std::move(p), std::move(v));
-      }
-    }
-  }
-  ASSERT_TRUE(server_.waitFor("/api/v1/consent", static_cast<std::size_t>(total), 120s))
-      << server_.count("/api/v1/consent") << " of " << total << " posts arrived";
-  settle();
+    ASSERT_TRUE(i % 50 != 0 || posted(static_cast<std::size_t>(i)));
+    if (i % 3 == 0) return facade->acceptAllSelections();
+    if (i % 3 == 1) return facade->rejectAllSelections();
+    // A different choice each time: purposes and vendors picked by the bits of i.
+    std::vector<std::int64_t> p, v;
+    int bit = 0;
+    for (const std::int64_t purpose : {1, 2, 3, 7, 10})
+      if (((i / 3) >> bit++) & 1) p.push_back(purpose);
+    bit = 2;
+    for (const std::int64_t vendor : {8, 10, 755})
+      if (((i / 3) >> bit++) & 1) v.push_back(vendor);
+    facade->applyCustomSelections(std::move(p), std::move(v));
+  });
   EXPECT_EQ(server_.count("/api/v1/consent"), static_cast<std::size_t>(total));
-  const std::int64_t heapAfter = heapInUse();
-  report("decisions", heapBefore, heapAfter, rssBefore, residentBytes());
-  EXPECT_LT(std::abs(heapAfter - heapBefore), kMegabyte);
 }
 
 // Start-ups after the first find the vendor list in the store and fetch only the configuration.
 TEST_F(SoakTest, AThousandStartUpsFromTheCachedVendorListKeepTheHeapFlat) {
   startUp(*QuilletCMP::create());
-  ASSERT_EQ(server_.count("/cdn/gvl.json"), 1U);
-
   const int total = scaled(1000);
-  const int warmUp = std::min(50, total / 10);
-  std::int64_t heapBefore = 0;
-  std::int64_t rssBefore = 0;
-  for (int i = 0; i < total; ++i) {
-    if (i == warmUp) {
-      ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", static_cast<std::size_t>(i + 1)));
-      settle();
-      heapBefore = heapInUse();
-      rssBefore = residentBytes();
-    }
+  const auto sessions = [this](std::size_t n) {
+    return server_.waitFor("/api/v1/analytics/events", n + 1);
+  };
+  expectFlatHeap("start-ups", total, std::min(50, total / 10), sessions, [](int) {
     QLTAPIServer::clearCache();  // a new process would start with nothing in memory
     const auto facade = QuilletCMP::create();
     startUp(*facade);
     ASSERT_TRUE(facade->isConfigLoaded());
-  }
-  ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", static_cast<std::size_t>(total + 1)));
-  settle();
-  const std::int64_t heapAfter = heapInUse();
-  report("start-ups", heapBefore, heapAfter, rssBefore, residentBytes());
+  });
   EXPECT_EQ(server_.count("/cdn/gvl.json"), 1U) << "the vendor list was fetched again";
   EXPECT_EQ(server_.count("/cdn/pub/banner_config.json"), static_cast<std::size_t>(total + 1));
-  EXPECT_LT(std::abs(heapAfter - heapBefore), kMegabyte);
 }
 
 TEST(CurlHttpClientSoak, AHundredConcurrentFetchesAllCompleteAndNothingIsLeft) {
