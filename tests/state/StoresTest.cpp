@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "quillet/base/Platform.h"
-#include "quillet/base/QltLog.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
@@ -17,6 +16,7 @@
 #include "quillet/storage/StorageKeys.h"
 
 #include "support/Announcements.h"
+#include "support/ConsentStores.h"
 #include "support/RecordingLogSink.h"
 
 namespace quillet {
@@ -78,18 +78,12 @@ TEST(NotificationCenter, ManyThreadsPostAndSubscribeAtOnce) {
   EXPECT_EQ(delivered.load(), 2000);
 }
 
-// Records every store notification on the default centre as text.
-
 // The stores are process-wide: every test starts them empty, on a store in memory.
 class ConsentStores : public ::testing::Test {
  protected:
   void SetUp() override {
     Platform::install({.keyValueStore = store_});
-    PurposeConsentStore::shared().replaceStates({});
-    VendorConsentStore::shared().replaceStates({});
-    SpecialFeatureConsentStore::shared().replaceMasterStates({});
-    SpecialFeatureConsentStore::shared().replaceVendorStates({});
-    PendingConsentStore::shared().reset({}, {}, {});
+    testing::emptyConsentStores();
     announced_.take();
   }
   void TearDown() override { Platform::install({}); }
@@ -133,16 +127,11 @@ TEST_F(ConsentStores, PendingLoadCopiesTheStoresAndDropsLegitimateInterest) {
 }
 
 TEST_F(ConsentStores, SpecialFeatureChangesAreLoggedWithTheWholeMap) {
-  auto sink = std::make_shared<testing::RecordingLogSink>();
-  QltLog::setSink(sink);
-  QltLog::setEnabled(true);
+  const testing::LogCapture log;
   PendingConsentStore::shared().setSpecialFeatureConsent(1, 755, true);
-  QltLog::setEnabled(false);
-  QltLog::setSink(nullptr);
-  ASSERT_EQ(sink->lines().size(), 1U);
-  EXPECT_THAT(sink->lines()[0],
-              ::testing::EndsWith("[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
-                                  "changed: {1: {755: true}}"));
+  EXPECT_THAT(log.lines(),
+              ElementsAre("[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
+                          "changed: {1: {755: true}}"));
 }
 
 TEST_F(ConsentStores, VendorSwitchesAnnounceOnlyRealChanges) {
