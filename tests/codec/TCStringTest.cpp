@@ -130,6 +130,17 @@ TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
   ASSERT_TRUE(tc);
   EXPECT_THAT(tc->vendorsAllowed->ids, ElementsAre(1, 5));
   EXPECT_THAT(tc->vendorsDisclosed->ids, ElementsAre(1, 5));
+  // A language letter past Z reads as "?", with a warning.
+  BitWriter language;
+  language.write(2, 6);
+  language.write(0, 36 + 36 + 12 + 12 + 6);
+  language.write(26, 6);
+  language.write(0, 6 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12 + 17 + 17 + 12);
+  const auto unlettered = TCString::parse(base64URLEncodedString(language.data()));
+  ASSERT_TRUE(unlettered);
+  EXPECT_EQ(unlettered->consentLanguage, "?A");
+  EXPECT_THAT(unlettered->warnings,
+              ElementsAre("ConsentLanguage letter value 26 is not a letter A to Z"));
   // Segment type 0 names the core; a second one is ignored with a warning.
   EXPECT_THAT(TCString::parse(core + ".AA==")->warnings, ElementsAre(HasSubstr("segment type 0")));
 }
@@ -137,17 +148,18 @@ TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
 TEST(TCString, RangesInAnyOrderOrOverlappingGiveAscendingIdsOnce) {
   BitWriter writer;
   writer.write(1, 3);  // disclosed vendors
-  writer.write(40, 16);
+  writer.write(200, 16);
   writer.writeBit(true);
-  writer.write(3, 12);
-  for (const auto& [isRange, from, to] : {std::tuple{1, 30, 32}, {0, 4, 0}, {1, 31, 33}}) {
+  writer.write(4, 12);
+  for (const auto& [isRange, from, to] :
+       {std::tuple{1, 30, 32}, {0, 4, 0}, {1, 31, 33}, {1, 60, 130}}) {
     writer.writeBit(isRange);
     writer.write(from, 16);
     if (isRange) writer.write(to, 16);
   }
   const auto tc = TCString::parse(encodedCore() + "." + base64URLEncodedString(writer.data()));
   ASSERT_TRUE(tc);
-  EXPECT_THAT(tc->vendorsDisclosed->ids, ElementsAre(4, 30, 31, 32, 33));
+  EXPECT_EQ(runs(tc->vendorsDisclosed->ids), "4,30-33,60-130");
   EXPECT_TRUE(tc->vendorsDisclosed->isRangeEncoding);
   EXPECT_TRUE(tc->vendorsDisclosed->contains(33));
   EXPECT_FALSE(tc->vendorsDisclosed->contains(34));

@@ -131,45 +131,39 @@ TEST_F(QLTAPIServerTest, EqualVersionsUseTheStoredVendorListWithoutDownloading) 
                                     "DEBUG Using cached GVL: yes"));
 }
 
-TEST_F(QLTAPIServerTest, AnyOtherVersionDownloadsAndStoresTheRemoteOne) {
-  for (const auto& [local, remote] : {std::pair{5, 6}, std::pair{6, 5}}) {
+// Every other case downloads the list, uses its "gvl" member when it has one, and stores it.
+TEST_F(QLTAPIServerTest, OtherwiseTheRemoteListIsDownloadedAndStored) {
+  struct Row {
+    int local, remote;
+    std::string stored, served, used, logs;
+  };
+  const Row rows[] = {
+      {5, 6, R"({"v": 5})", R"({"v": 6})", R"({"v": 6})",
+       "DEBUG Will fetch GVL (mustFetchGVL=true)"},
+      {6, 5, R"({"v": 6})", R"({"v": 5})", R"({"v": 5})", "DEBUG GVL fetched from CDN"},
+      {5, 5, "[1, 2]", R"({"fresh": true})", R"({"fresh": true})",
+       "DEBUG config fetched. localVendorListVersion=5, remoteVendorListVersion=5, "
+       "hasLocalGVL=false"},
+      {0, 7, "", R"({"meta": 1, "gvl": {"v": 7, "vendors": {}}})", R"({"v": 7, "vendors": {}})",
+       "DEBUG Found nested GVL root"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.served);
     QLTAPIServer::clearCache();
-    serveConfig("pub", remote);
-    serveGVL(R"({"vendorListVersion": )" + std::to_string(remote) + "}");
-    storeGVL(local, R"({"vendorListVersion": )" + std::to_string(local) + "}");
+    serveConfig("pub", row.remote);
+    serveGVL(row.served);
+    if (!row.stored.empty()) storeGVL(row.local, row.stored);
     const Fetched fetched = fetch("pub");
     ASSERT_TRUE(fetched.gvl);
-    EXPECT_EQ(fetched.gvl->at("vendorListVersion"), remote);
-    EXPECT_EQ(store_->readInteger(StorageKeys::vendorListVersion), remote);
+    EXPECT_EQ(*fetched.gvl, object(row.used));
+    EXPECT_EQ(store_->readInteger(StorageKeys::vendorListVersion), row.remote);
     EXPECT_EQ(storedGVL(), *fetched.gvl);
     EXPECT_EQ(QLTAPIServer::cachedGVL(), fetched.gvl);
+    EXPECT_THAT(logged(), Contains(row.logs));
   }
-  EXPECT_EQ(server_.count("/cdn/gvl.json"), 2U);
-  EXPECT_THAT(logged(), Contains("DEBUG Will fetch GVL (mustFetchGVL=true)"));
+  EXPECT_EQ(server_.count("/cdn/gvl.json"), std::size(rows));
   EXPECT_THAT(logged(), Contains("DEBUG fetchGVL - starting network request"));
   EXPECT_THAT(logged(), Contains("DEBUG Parsed GVL JSON successfully"));
-  EXPECT_THAT(logged(), Contains("DEBUG GVL fetched from CDN"));
-}
-
-TEST_F(QLTAPIServerTest, AStoredListThatIsNotAnObjectForcesADownload) {
-  serveConfig("pub", 5);
-  serveGVL(R"({"fresh": true})");
-  storeGVL(5, "[1, 2]");
-  const Fetched fetched = fetch("pub");
-  ASSERT_TRUE(fetched.gvl);
-  EXPECT_EQ(*fetched.gvl, object(R"({"fresh": true})"));
-  EXPECT_THAT(logged(), Contains("DEBUG config fetched. localVendorListVersion=5, "
-                                 "remoteVendorListVersion=5, hasLocalGVL=false"));
-}
-
-TEST_F(QLTAPIServerTest, ANestedGvlRootIsUsedAndStored) {
-  serveConfig("pub", 7);
-  serveGVL(R"({"meta": 1, "gvl": {"vendorListVersion": 7, "vendors": {}}})");
-  const Fetched fetched = fetch("pub");
-  ASSERT_TRUE(fetched.gvl);
-  EXPECT_EQ(*fetched.gvl, object(R"({"vendorListVersion": 7, "vendors": {}})"));
-  EXPECT_EQ(storedGVL(), *fetched.gvl);
-  EXPECT_THAT(logged(), Contains("DEBUG Found nested GVL root"));
 }
 
 TEST_F(QLTAPIServerTest, AFailedDownloadFallsBackToMemoryThenStoreThenNothing) {
@@ -305,51 +299,41 @@ TEST_F(QLTAPIServerTest, InitializeCacheLoadsTheStoredListOnce) {
   EXPECT_EQ(QLTAPIServer::cachedGVL(), nullptr);
 }
 
-boost::json::object bodyOf(const testing::RecordedRequest& request) {
-  return boost::json::parse(request.body).as_object();
-}
-
-TEST_F(QLTAPIServerTest, PostsCarryTheirMembersAndOneDeviceId) {
+TEST_F(QLTAPIServerTest, PostsCarryTheirMembersAndOneDeviceIdUnlessTheCallerGivesOne) {
+  *clock_ = FixedClock(std::chrono::system_clock::time_point(std::chrono::microseconds(2500400)));
   QLTAPIServer::postConsent("CQ-string", "pub", "accepted", std::nullopt);
   QLTAPIServer::postAnalyticsSessionEvent("pub", std::nullopt);
   ASSERT_TRUE(server_.waitFor("/api/v1/consent", 1));
   ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", 1));
-  const auto requests = server_.requests();
-  const auto consent = std::find_if(requests.begin(), requests.end(),
-                                    [](const auto& r) { return r.path == "/api/v1/consent"; });
-  const auto analytics = std::find_if(requests.begin(), requests.end(), [](const auto& r) {
-    return r.path == "/api/v1/analytics/events";
-  });
-  EXPECT_EQ(boost::json::value(bodyOf(*consent)),
+  std::map<std::string, testing::RecordedRequest> requests;
+  for (const auto& request : server_.requests())
+    requests[request.path] = request;
+  const auto& consent = requests.at("/api/v1/consent");
+  EXPECT_EQ(boost::json::parse(consent.body),
             boost::json::parse(R"({"tcString": "CQ-string", "settingsId": "pub",
                                    "eventType": "accepted", "source": "ios", "deviceId": "UUID-1"})"));
-  EXPECT_EQ(consent->headers.find("Content-Type")->second, "application/json");
-  EXPECT_EQ(consent->method, "POST");
-  EXPECT_EQ(boost::json::value(bodyOf(*analytics)),
+  EXPECT_EQ(consent.headers.find("Content-Type")->second, "application/json");
+  EXPECT_EQ(consent.method, "POST");
+  // Whole milliseconds from the clock.
+  EXPECT_EQ(boost::json::parse(requests.at("/api/v1/analytics/events").body),
             boost::json::parse(R"({"app_id": "pub", "uuid": "UUID-1", "platform": "ios",
                                    "ts": 2500})"));
   EXPECT_EQ(store_->readString(StorageKeys::deviceId), "UUID-1");
   EXPECT_EQ(QLTAPIServer::deviceId(), "UUID-1");
-}
 
-TEST_F(QLTAPIServerTest, ACallersDeviceIdIsSentAsItIsAndNothingIsStored) {
+  // A caller's id is sent as it is, and nothing more is made or stored.
+  store_->remove(StorageKeys::deviceId);
   QLTAPIServer::postConsent("CQ", "pub", "rejected", "caller-id");
   QLTAPIServer::postAnalyticsSessionEvent("pub", "caller-id");
-  ASSERT_TRUE(server_.waitFor("/api/v1/consent", 1));
-  ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", 1));
-  for (const auto& request : server_.requests()) {
-    const auto body = bodyOf(request);
+  ASSERT_TRUE(server_.waitFor("/api/v1/consent", 2));
+  ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", 2));
+  const auto all = server_.requests();
+  for (auto request = all.begin() + 2; request != all.end(); ++request) {
+    const auto body = boost::json::parse(request->body).as_object();
     EXPECT_EQ(body.contains("deviceId") ? body.at("deviceId") : body.at("uuid"), "caller-id");
   }
   EXPECT_EQ(store_->get(StorageKeys::deviceId), std::nullopt);
-  EXPECT_EQ(uuids_, 0);
-}
-
-TEST_F(QLTAPIServerTest, AnalyticsTimeIsWholeMillisecondsFromTheClock) {
-  *clock_ = FixedClock(std::chrono::system_clock::time_point(std::chrono::microseconds(2000400)));
-  QLTAPIServer::postAnalyticsSessionEvent("pub", "id");
-  ASSERT_TRUE(server_.waitFor("/api/v1/analytics/events", 1));
-  EXPECT_EQ(bodyOf(server_.requests().back()).at("ts"), 2000);
+  EXPECT_EQ(uuids_, 1);
 }
 
 TEST_F(QLTAPIServerTest, AnalyticsLogsItsOutcomeAndConsentLogsNothing) {
