@@ -38,66 +38,43 @@ std::string afterTimestamp(const std::string& line) {
   return line.substr(line.find("] ") + 2);
 }
 
-TEST_F(QltLogTest, WritesOneLinePerCallWithLevelLabelAndPrefixedTag) {
+// One transcript: each level's label, the tag prefix (none, or another), an error's description,
+// nothing written or built while disabled.
+TEST_F(QltLogTest, WritesOneLinePerCallWithLevelLabelPrefixedTagAndError) {
   QltLog::v("A", "one");
   QltLog::d("B", "two");
   QltLog::i("C", "three");
-  QltLog::w("X", "m");
+  QltLog::w("X", "m", "timed out");
   QltLog::e("E", "five");
-  const auto written = lines();
-  ASSERT_EQ(written.size(), 5U);
-  EXPECT_EQ(afterTimestamp(written[0]), "[VERBOSE] [QLT-CMP:A] one");
-  EXPECT_EQ(afterTimestamp(written[1]), "[DEBUG] [QLT-CMP:B] two");
-  EXPECT_EQ(afterTimestamp(written[2]), "[INFO] [QLT-CMP:C] three");
-  EXPECT_EQ(afterTimestamp(written[3]), "[WARN] [QLT-CMP:X] m");
-  EXPECT_EQ(afterTimestamp(written[4]), "[ERROR] [QLT-CMP:E] five");
-}
-
-TEST_F(QltLogTest, AnEmptyPrefixLeavesTheTagWithoutAColon) {
   QltLog::setTagPrefix("");
   QltLog::d("QLTCMPUtils", "x");
   QltLog::setTagPrefix("APP");
   QltLog::d("QLTCMPUtils", "y");
   EXPECT_EQ(QltLog::tagPrefix(), "APP");
-  const auto written = lines();
-  ASSERT_EQ(written.size(), 2U);
-  EXPECT_EQ(afterTimestamp(written[0]), "[DEBUG] [QLTCMPUtils] x");
-  EXPECT_EQ(afterTimestamp(written[1]), "[DEBUG] [APP:QLTCMPUtils] y");
-}
-
-TEST_F(QltLogTest, AnErrorAddsItsDescriptionAndAtErrorLevelTheCallStack) {
-  QltLog::w("X", "m", "timed out");
-  QltLog::e("X", "m", "timed out");
-  QltLog::e("X", "no error given");
-  const auto written = lines();
-  ASSERT_EQ(written.size(), 3U);
-  EXPECT_EQ(afterTimestamp(written[0]), "[WARN] [QLT-CMP:X] m\ntimed out");
-  const std::string& withStack = written[1];
-  const auto firstBreak = withStack.find('\n');
-  const auto secondBreak = withStack.find('\n', firstBreak + 1);
-  ASSERT_NE(secondBreak, std::string::npos);
-  EXPECT_EQ(afterTimestamp(withStack.substr(0, secondBreak)), "[ERROR] [QLT-CMP:X] m\ntimed out");
-  const std::string stack = withStack.substr(secondBreak + 1);
-  EXPECT_THAT(stack, ::testing::StartsWith("0  "));
-  EXPECT_GE(std::count(stack.begin(), stack.end(), '\n'), 2);  // several frames, one per line
-  EXPECT_EQ(afterTimestamp(written[2]), "[ERROR] [QLT-CMP:X] no error given");
-}
-
-TEST_F(QltLogTest, NothingIsWrittenOrBuiltWhileDisabled) {
   QltLog::setEnabled(false);
   bool built = false;
-  QltLog::v("T", "m");
   QltLog::e("T", "m", "error");
-  QltLog::d("T", [&] {
-    built = true;
-    return std::string("expensive");
-  });
-  EXPECT_THAT(lines(), IsEmpty());
-  EXPECT_FALSE(built);
+  QltLog::d("T", [&] { return (built = true) ? "expensive" : ""; });
   QltLog::setEnabled(true);
   QltLog::i("T", [] { return std::string("built now"); });
-  ASSERT_EQ(lines().size(), 1U);
-  EXPECT_EQ(afterTimestamp(lines()[0]), "[INFO] [QLT-CMP:T] built now");
+  EXPECT_FALSE(built);
+  std::string transcript;
+  for (const auto& line : lines())
+    transcript += afterTimestamp(line) + "\n";
+  EXPECT_EQ(transcript,
+            "[VERBOSE] [QLT-CMP:A] one\n[DEBUG] [QLT-CMP:B] two\n[INFO] [QLT-CMP:C] three\n"
+            "[WARN] [QLT-CMP:X] m\ntimed out\n[ERROR] [QLT-CMP:E] five\n"
+            "[DEBUG] [QLTCMPUtils] x\n[DEBUG] [APP:QLTCMPUtils] y\n[INFO] [APP:T] built now\n");
+
+  // At error level, after the description, the call stack: one frame a line.
+  QltLog::e("X", "m", "timed out");
+  const std::string withStack = lines().back();
+  const auto secondBreak = withStack.find('\n', withStack.find('\n') + 1);
+  ASSERT_NE(secondBreak, std::string::npos);
+  EXPECT_EQ(afterTimestamp(withStack.substr(0, secondBreak)), "[ERROR] [APP:X] m\ntimed out");
+  const std::string stack = withStack.substr(secondBreak + 1);
+  EXPECT_THAT(stack, ::testing::StartsWith("0  "));
+  EXPECT_GE(std::count(stack.begin(), stack.end(), '\n'), 2);
 }
 
 TEST_F(QltLogTest, CallsFromManyThreadsEachWriteWholeLines) {
@@ -125,13 +102,13 @@ TEST_F(QltLogTest, CallsFromManyThreadsEachWriteWholeLines) {
 }
 
 TEST(QltLogLevel, RawValuesAndLabels) {
-  EXPECT_EQ(qltLogLevelFromRawValue(0), QltLogLevel::verbose);
-  EXPECT_EQ(qltLogLevelFromRawValue(3), QltLogLevel::warning);
-  EXPECT_EQ(qltLogLevelFromRawValue(4), QltLogLevel::error);
-  EXPECT_EQ(qltLogLevelFromRawValue(5), std::nullopt);
-  EXPECT_EQ(qltLogLevelFromRawValue(-1), std::nullopt);
-  EXPECT_EQ(qltLogLevelLabel(QltLogLevel::warning), "WARN");
-  EXPECT_EQ(qltLogLevelLabel(QltLogLevel::verbose), "VERBOSE");
+  const std::pair<int, std::optional<QltLogLevel>> rows[] = {{0, QltLogLevel::verbose},
+                                                             {3, QltLogLevel::warning},
+                                                             {4, QltLogLevel::error},
+                                                             {5, std::nullopt},
+                                                             {-1, std::nullopt}};
+  for (const auto& [raw, level] : rows)
+    EXPECT_EQ(qltLogLevelFromRawValue(raw), level) << raw;
 }
 
 TEST(QltLogDefaultSink, WritesToStandardOutput) {
