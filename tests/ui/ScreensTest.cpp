@@ -1,5 +1,7 @@
 // What every button, switch and observer of the consent screens writes, announces and hands on.
 
+#include <sstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -59,91 +61,85 @@ class Screens : public testing::ScreenFixture {
   testing::Announcements announced_;
 };
 
+// Shown on, knob offset, track colour, icon, opacity, spoken value, slide time.
+std::string look(const WebCMPStyleToggle& toggle) {
+  const auto a = toggle.appearance();
+  std::ostringstream out;
+  out << a.displayedOn << " " << a.knobOffset << " " << a.trackColour << " " << a.icon << " "
+      << a.opacity << " " << a.accessibilityValue << " " << a.animationSeconds;
+  return out.str();
+}
+
 TEST_F(Screens, ToggleShowsItsStateAndOnlyATapOnAnUnlockedToggleSendsAnEvent) {
   WebCMPStyleToggle toggle;
   std::vector<bool> sent;
   int impacts = 0;
   toggle.onValueChanged = [&](bool on) { sent.push_back(on); };
   toggle.onImpact = [&] { ++impacts; };
-  auto look = toggle.appearance();
-  EXPECT_EQ(look.knobOffset, 2);
-  EXPECT_EQ(look.trackColour, "#8E8E93");
-  EXPECT_EQ(look.icon, "xmark");
-  EXPECT_EQ(look.accessibilityValue, "Off");
-
+  EXPECT_EQ(look(toggle), "0 2 #8E8E93 xmark 1 Off 0");
   toggle.setOn(true);  // not a tap: no event
-  EXPECT_TRUE(sent.empty());
-  EXPECT_EQ(toggle.appearance().knobOffset, 25);
-  EXPECT_EQ(toggle.appearance().animationSeconds, 0.0);
-
+  EXPECT_EQ(look(toggle), "1 25 #0040DD checkmark 1 On 0");
   EXPECT_TRUE(toggle.tap());
-  EXPECT_THAT(sent, ElementsAre(false));
-  EXPECT_EQ(impacts, 1);
-  EXPECT_EQ(toggle.appearance().animationSeconds, 0.18);
+  EXPECT_EQ(look(toggle), "0 2 #8E8E93 xmark 1 Off 0.18");
   EXPECT_THAT(toggle.html("t", "quillet://t", "T"),
               HasSubstr("style=\"left:25px;transition:left 0.18s ease 0s\""));  // slides from on
-
   toggle.setLocked(true);  // locked with isOn false: shown on, dimmed, taps ignored
-  look = toggle.appearance();
-  EXPECT_TRUE(look.displayedOn);
-  EXPECT_EQ(look.knobOffset, 25);
-  EXPECT_EQ(look.trackColour, "rgba(0,64,221,0.2)");
-  EXPECT_EQ(look.icon, "checkmark");
-  EXPECT_EQ(look.opacity, 0.8);
-  EXPECT_EQ(look.accessibilityValue, "On");
+  EXPECT_EQ(look(toggle), "1 25 rgba(0,64,221,0.2) checkmark 0.8 On 0");
   EXPECT_FALSE(toggle.tap());
-  EXPECT_THAT(sent, ElementsAre(false));
   EXPECT_FALSE(toggle.isOn());
+  EXPECT_THAT(sent, ElementsAre(false));
+  EXPECT_EQ(impacts, 1);
   const auto html = toggle.html("t", "quillet://t", "<T>");
   EXPECT_THAT(html, Not(HasSubstr("href")));
   EXPECT_THAT(html, HasSubstr("role=\"switch\" aria-checked=\"true\" aria-label=\"&lt;T&gt;\""));
 }
 
-TEST_F(Screens, BannerAcceptAllSwitchesEverythingOnThenCompletesAfterDismissal) {
-  const auto banner = makeBanner({});
-  int finished = 0;
-  banner->onFinished = [&] {
-    ++finished;
-    EXPECT_EQ(completions_.size(), 1U);  // after the completion
-  };
-  host_->present(banner, {});
-  announced_.take();
-  banner->perform("onAcceptAll");
-
-  EXPECT_THAT(completions_, ElementsAre(ConsentAction::acceptAll()));
-  EXPECT_EQ(finished, 1);
-  EXPECT_THAT(host_->screens(), IsEmpty());
-  const auto& pending = PendingConsentStore::shared();
-  EXPECT_EQ(pending.purposeConsent(), flags({{1, true}, {2, true}, {3, true}, {7, true}}));
-  EXPECT_EQ(pending.vendorConsent(), flags({{8, true}, {10, true}, {755, true}}));
-  EXPECT_EQ(pending.specialFeatureMaster(), flags({{1, true}, {2, true}}));
-  EXPECT_EQ(VendorConsentStore::shared().states(), pending.vendorConsent());
-  EXPECT_EQ(PurposeConsentStore::shared().states(), pending.purposeConsent());
-  EXPECT_TRUE(SpecialFeatureConsentStore::shared().vendorState(2, 10));
-  EXPECT_TRUE(ConsentStorage::store()->readDictionary(StorageKeys::specialFeatureVendorStates));
-  const auto lines = announced_.take();
-  ASSERT_GE(lines.size(), 2U);
-  EXPECT_EQ(lines[0], "specialFeatureMasterChanged featureId=1 on=true");
-  EXPECT_EQ(lines[1], "specialFeatureVendorChanged featureId=1 on=true vendorId=8");
-  banner->perform("onAcceptAll");  // a second tap after dismissal changes nothing
-  EXPECT_EQ(completions_.size(), 1U);
-}
-
-TEST_F(Screens, BannerRejectAllSwitchesEverythingOff) {
-  SpecialFeatureConsentStore::shared().setVendor(1, 755, true);
-  PendingConsentStore::shared().setPurposeConsent(1, true);
-  const auto banner = makeBanner({.showRejectButton = true});
-  host_->present(banner, {});
-  announced_.take();
-  banner->perform("onRejectAll");
-  EXPECT_THAT(completions_, ElementsAre(ConsentAction::rejectAll()));
-  const auto& pending = PendingConsentStore::shared();
-  EXPECT_EQ(pending.purposeConsent(), flags({{1, false}, {2, false}, {3, false}, {7, false}}));
-  EXPECT_EQ(pending.vendorConsent(), flags({{8, false}, {10, false}, {755, false}}));
-  EXPECT_EQ(pending.specialFeatureMaster(), flags({{1, false}, {2, false}}));
-  EXPECT_FALSE(SpecialFeatureConsentStore::shared().vendorState(1, 755));
-  EXPECT_THAT(announced_.take(),
-              Contains("specialFeatureVendorChanged featureId=1 on=false vendorId=755"));
+// Each button switches every purpose, vendor and special feature of the list on or off, then
+// completes once the banner is gone; a second tap after that changes nothing.
+TEST_F(Screens, BannerButtonsSwitchEverythingThenCompleteAfterDismissal) {
+  for (const bool accept : {true, false}) {
+    SCOPED_TRACE(accept ? "accept" : "reject");
+    SpecialFeatureConsentStore::shared().setVendor(1, 755, !accept);
+    completions_.clear();
+    const auto banner = makeBanner({.showRejectButton = true});
+    int finished = 0;
+    banner->onFinished = [&] {
+      ++finished;
+      EXPECT_EQ(completions_.size(), 1U);  // after the completion
+    };
+    host_->present(banner, {});
+    announced_.take();
+    banner->perform(accept ? "onAcceptAll" : "onRejectAll");
+    EXPECT_THAT(completions_,
+                ElementsAre(accept ? ConsentAction::acceptAll() : ConsentAction::rejectAll()));
+    EXPECT_EQ(finished, 1);
+    EXPECT_THAT(host_->screens(), IsEmpty());
+    const auto& pending = PendingConsentStore::shared();
+    const auto all = [accept](std::initializer_list<std::int64_t> ids) {
+      ConsentFlags out;
+      for (const auto id : ids)
+        out[id] = accept;
+      return out;
+    };
+    EXPECT_EQ(pending.purposeConsent(), all({1, 2, 3, 7}));
+    EXPECT_EQ(pending.vendorConsent(), all({8, 10, 755}));
+    EXPECT_EQ(pending.specialFeatureMaster(), all({1, 2}));
+    EXPECT_EQ(VendorConsentStore::shared().states(), pending.vendorConsent());
+    EXPECT_EQ(PurposeConsentStore::shared().states(), pending.purposeConsent());
+    EXPECT_EQ(SpecialFeatureConsentStore::shared().vendorState(2, 10), accept);
+    EXPECT_EQ(SpecialFeatureConsentStore::shared().vendorState(1, 755), accept);
+    EXPECT_TRUE(ConsentStorage::store()->readDictionary(StorageKeys::specialFeatureVendorStates));
+    const auto lines = announced_.take();
+    EXPECT_THAT(lines, Contains(accept ? "specialFeatureMasterChanged featureId=1 on=true"
+                                       : "specialFeatureVendorChanged featureId=1 on=false "
+                                         "vendorId=755"));
+    if (accept) {
+      ASSERT_GE(lines.size(), 2U);
+      EXPECT_EQ(lines[1], "specialFeatureVendorChanged featureId=1 on=true vendorId=8");
+    }
+    banner->perform("onAcceptAll");
+    EXPECT_EQ(completions_.size(), 1U);
+  }
 }
 
 TEST_F(Screens, CustomizeNeedsPurposesAndVendors) {
