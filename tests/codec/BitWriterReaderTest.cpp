@@ -1,3 +1,4 @@
+#include <functional>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -8,43 +9,29 @@
 namespace quillet {
 namespace {
 
-TEST(BitWriter, KeepsOnlyTheLowBitsOfANumberMostSignificantFirst) {
-  BitWriter writer;
-  writer.write(5, 2);  // 101: the high bit is dropped, leaving 0 then 1
-  EXPECT_EQ(writer.count(), 2);
-  EXPECT_EQ(writer.data(), (Bytes{0x40}));
-}
-
-TEST(BitWriter, PacksPartialBytesWithZeroLowBits) {
-  BitWriter six;
-  six.write(0b000011, 6);
-  EXPECT_EQ(six.data(), (Bytes{0x0C}));
-
-  BitWriter nine;
-  nine.writeBit(true);
-  nine.write(0, 8);
-  EXPECT_EQ(nine.count(), 9);
-  EXPECT_EQ(nine.data(), (Bytes{0x80, 0x00}));
-
-  EXPECT_TRUE(BitWriter().data().empty());
-}
-
-TEST(BitWriter, ZeroFillsWidthsAbove64AndAppendsNothingForWidth0) {
-  BitWriter writer;
-  writer.write(~std::uint64_t{0}, 0);
-  EXPECT_EQ(writer.count(), 0);
-  writer.write(~std::uint64_t{0}, 68);  // four zero bits, then 64 ones
-  EXPECT_EQ(writer.count(), 68);
-  EXPECT_EQ(writer.data(), (Bytes{0x0F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF0}));
-}
-
-TEST(BitWriter, WritesBitArraysAndNumberArraysInOrder) {
-  BitWriter writer;
-  writer.writeBits({true, false, true});
+TEST(BitWriter, PacksTheLowBitsMostSignificantFirstWithZeroPadding) {
+  const auto written = [](const std::function<void(BitWriter&)>& write) {
+    BitWriter writer;
+    write(writer);
+    return std::pair(writer.count(), writer.data());
+  };
   const std::vector<std::uint64_t> numbers{1, 2, 3};
-  writer.write(numbers, 3);  // 001 010 011
-  EXPECT_EQ(writer.count(), 12);
-  EXPECT_EQ(writer.data(), (Bytes{0b10100101, 0b00110000}));
+  const std::pair<std::function<void(BitWriter&)>, std::pair<std::int64_t, Bytes>> rows[] = {
+      {[](BitWriter&) {}, {0, {}}},
+      {[](BitWriter& w) { w.write(5, 2); }, {2, {0x40}}},  // 101: the high bit is dropped
+      {[](BitWriter& w) { w.write(0b000011, 6); }, {6, {0x0C}}},
+      {[](BitWriter& w) { w.writeBit(true), w.write(0, 8); }, {9, {0x80, 0x00}}},
+      {[](BitWriter& w) { w.write(~std::uint64_t{0}, 0); }, {0, {}}},
+      // Widths above 64 are zero-filled in front.
+      {[](BitWriter& w) { w.write(~std::uint64_t{0}, 68); },
+       {68, {0x0F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF0}}},
+      {[&](BitWriter& w) {
+         w.writeBits({true, false, true}), w.write(numbers, 3);
+       },
+       {12, {0b10100101, 0b00110000}}},
+  };
+  for (std::size_t i = 0; i < std::size(rows); ++i)
+    EXPECT_EQ(written(rows[i].first), rows[i].second) << "row " << i;
 }
 
 TEST(BitWriterReader, RandomFieldsRoundTripAtEveryAlignment) {
@@ -69,46 +56,28 @@ TEST(BitWriterReader, RandomFieldsRoundTripAtEveryAlignment) {
   }
 }
 
-TEST(BitReader, FailedReadsLeaveThePositionWhereItWas) {
-  const Bytes bytes{0b10110011};
+TEST(BitReader, FailedReadsAndSkipsStopAtTheEndAndLeaveThePosition) {
+  const Bytes bytes{0b10110011, 0x01};
   BitReader reader(bytes);
   EXPECT_EQ(reader.readUInt(3), 0b101U);
-  EXPECT_EQ(reader.remainingBits(), 5);
-  EXPECT_EQ(reader.readUInt(6), std::nullopt);
-  EXPECT_EQ(reader.readBits(6), std::nullopt);
-  EXPECT_EQ(reader.remainingBits(), 5);
+  EXPECT_EQ(reader.readUInt(14), std::nullopt);
+  EXPECT_EQ(reader.readBits(14), std::nullopt);
+  EXPECT_EQ(reader.remainingBits(), 13);
   EXPECT_EQ(reader.readBits(2), (std::vector<bool>{true, false}));
   EXPECT_EQ(reader.readUInt(3), 0b011U);
-  EXPECT_EQ(reader.readBit(), std::nullopt);
   EXPECT_EQ(reader.readUInt(0), 0U);
   EXPECT_EQ(reader.readBits(0), std::vector<bool>{});
-}
-
-TEST(BitReader, SkipStopsAtTheEnd) {
-  const Bytes bytes{0xFF, 0x00};
-  BitReader reader(bytes);
-  reader.skip(3);
-  EXPECT_EQ(reader.remainingBits(), 13);
+  reader.skip(7);
+  EXPECT_EQ(reader.readBit(), true);
+  EXPECT_EQ(reader.readBit(), std::nullopt);
+  reader = BitReader(bytes);
   reader.skip(1000);
   EXPECT_EQ(reader.remainingBits(), 0);
-  EXPECT_EQ(reader.readBit(), std::nullopt);
-}
-
-TEST(BitReader, KeepsTheLast64BitsOfAWiderRead) {
-  Bytes bytes(9, 0);
-  bytes[0] = 0xAB;  // shifted out
-  bytes[8] = 0x01;
-  BitReader reader(bytes);
-  EXPECT_EQ(reader.readUInt(72), 1U);
-  EXPECT_EQ(reader.remainingBits(), 0);
-}
-
-TEST(BitReader, ReadsBitsMostSignificantFirstFromEachByte) {
-  const Bytes bytes{0x80, 0x01};
-  BitReader reader(bytes);
-  EXPECT_EQ(reader.readBit(), true);
-  reader.skip(14);
-  EXPECT_EQ(reader.readBit(), true);
+  // A read wider than 64 bits keeps the last 64.
+  Bytes nine(9, 0);
+  nine[0] = 0xAB;
+  nine[8] = 0x01;
+  EXPECT_EQ(BitReader(nine).readUInt(72), 1U);
 }
 
 using BitCodecDeathTest = ::testing::Test;
