@@ -37,6 +37,8 @@ class QUILLET_EXPORT BrandingConfig {
     std::optional<std::int64_t> configVersion;
     /// Kept upper-cased (full Unicode mapping); not checked for length or alphabet.
     std::optional<std::string> publisherCC;
+
+    bool operator==(const Fields&) const = default;
   };
 
   /// Member-wise construction; `publisherCC` is stored upper-cased.
