@@ -100,29 +100,27 @@ TEST(DeviceStorageDisclosure, RequiredMembersAndDomainsAreStrict) {
   EXPECT_EQ(document->disclosures, std::nullopt);
   EXPECT_EQ(document->domains, std::nullopt);
   EXPECT_TRUE(DeviceStorageDisclosure::decode(R"({"disclosures": null, "domains": null})"));
-
-  EXPECT_EQ(DeviceStorageDisclosure::decode(R"({"disclosures": [{"identifier": "id", "type": "web",
-              "maxAgeSeconds": null, "cookieRefresh": false, "purposes": []}]})")
-                .error(),
-            R"(disclosures[0]: key "maxAgeSeconds" is null)");
-  EXPECT_EQ(DeviceStorageDisclosure::decode(R"({"disclosures": [{"identifier": "id", "type": "web",
-              "maxAgeSeconds": 1.5, "cookieRefresh": false, "purposes": []}]})")
-                .error(),
-            R"(disclosures[0]: key "maxAgeSeconds" holds a number, expected an integer)");
-  EXPECT_EQ(DeviceStorageDisclosure::decode(R"({"disclosures": [{"identifier": "id", "type": "web",
-              "maxAgeSeconds": 1, "cookieRefresh": 0, "purposes": []}]})")
-                .error(),
-            R"(disclosures[0]: key "cookieRefresh" holds an integer, expected a boolean)");
-
   const auto noUse = DeviceStorageDisclosure::decode(R"({"domains": [{"domain": "a"}]})");
   ASSERT_TRUE(noUse);
   EXPECT_EQ(noUse->domains->front().use, std::nullopt);
-  EXPECT_EQ(
-      DeviceStorageDisclosure::decode(R"({"domains": [{"domain": "a"}, {"use": "x"}]})").error(),
-      R"(domains[1]: key "domain" is missing)");
-  EXPECT_EQ(DeviceStorageDisclosure::decode(R"({"domains": {}})").error(),
-            R"(key "domains" holds an object, expected an array)");
-  EXPECT_EQ(DeviceStorageDisclosure::decode("not json").error(), "the document is not JSON");
+
+  const auto entry = [](const char* maxAge, const char* refresh) {
+    return std::string(
+               R"({"disclosures": [{"identifier": "id", "type": "web", "maxAgeSeconds": )") +
+           maxAge + R"(, "cookieRefresh": )" + refresh + R"(, "purposes": []}]})";
+  };
+  const std::pair<std::string, const char*> refused[] = {
+      {entry("null", "false"), R"(disclosures[0]: key "maxAgeSeconds" is null)"},
+      {entry("1.5", "false"),
+       R"(disclosures[0]: key "maxAgeSeconds" holds a number, expected an integer)"},
+      {entry("1", "0"),
+       R"(disclosures[0]: key "cookieRefresh" holds an integer, expected a boolean)"},
+      {R"({"domains": [{"domain": "a"}, {"use": "x"}]})", R"(domains[1]: key "domain" is missing)"},
+      {R"({"domains": {}})", R"(key "domains" holds an object, expected an array)"},
+      {"not json", "the document is not JSON"},
+  };
+  for (const auto& [text, error] : refused)
+    EXPECT_EQ(DeviceStorageDisclosure::decode(text).error(), error) << text;
 }
 
 }  // namespace
