@@ -29,6 +29,7 @@
 #include "support/ConsentStores.h"
 #include "support/RecordingLogSink.h"
 #include "support/RecordingScreenHost.h"
+#include "support/TCStringBrief.h"
 #include "support/TempDirectory.h"
 #include "support/TestData.h"
 #include "support/TestServer.h"
@@ -101,30 +102,8 @@ class QuilletCMPTest : public ::testing::Test {
     ASSERT_TRUE(pumpUntil([&] { return host_->count() == 1; }));
   }
 
-  // The stored string in brief: language, country, CMP, service-specific, list and policy
-  // version, then purposes, legitimate interests, special features, vendors (max id), vendor
-  // legitimate interests and allowed vendors.
-  std::string stored() const { return brief(store_->readString(StorageKeys::tcString)); }
-  static std::string brief(const std::optional<std::string>& text) {
-    const auto tc = TCString::parse(text.value_or(""));
-    if (!tc) return "unreadable: " + tc.error().message();
-    std::ostringstream out;
-    const auto list = [&out](const std::vector<std::int64_t>& ids) {
-      out << " [";
-      for (std::size_t i = 0; i < ids.size(); ++i)
-        out << (i ? "," : "") << ids[i];
-      out << "]";
-    };
-    out << tc->consentLanguage << " " << tc->publisherCountryCode << " " << tc->cmpId << " "
-        << tc->isServiceSpecific << " " << tc->vendorListVersion << " " << tc->policyVersion;
-    list(tc->purposeConsents.ids());
-    list(tc->purposeLegitimateInterests.ids());
-    list(tc->specialFeatureOptins.ids());
-    list(tc->vendorConsents.ids);
-    out << " " << tc->vendorConsents.maxVendorId;
-    list(tc->vendorLegitimateInterests.ids);
-    if (tc->vendorsAllowed) list(tc->vendorsAllowed->ids);
-    return out.str();
+  std::string stored() const {
+    return testing::brief(store_->readString(StorageKeys::tcString).value_or(""));
   }
 
   std::vector<boost::json::object> consentPosts() const {
@@ -188,7 +167,8 @@ TEST_F(QuilletCMPTest, AFirstRunShowsTheBannerAndCompletesAfterTheDecision) {
   EXPECT_TRUE(store_->readBool(StorageKeys::consent));
   // The locale's language, the configuration's country, what the vendors declare.
   EXPECT_EQ(stored(),
-            "FR DE 471 1 12 4 [1,2,3,4] [2,7,10] [1,2] [8,10,755] 900 [8,755] [8,10,755]");
+            "FR DE 471/1 0 100 12 4 17000000000 17000000000 [1,2,3,4] [2,7,10] [1,2] [8,10,755] "
+            "900 [8,755] [8,10,755]");
 
   ASSERT_TRUE(server_.waitFor("/api/v1/consent", 1));
   const auto posts = consentPosts();
@@ -221,7 +201,8 @@ TEST_F(QuilletCMPTest, RejectAllStoresNoConsentButDisclosesEveryVendor) {
   startUntilBanner(completed);
   EXPECT_EQ(completed.load(), 1);
   EXPECT_FALSE(store_->readBool(StorageKeys::consent));
-  EXPECT_EQ(stored(), "FR DE 471 1 12 4 [] [] [] [] 900 [] [8,10,755]");
+  EXPECT_EQ(stored(),
+            "FR DE 471/1 0 100 12 4 17000000000 17000000000 [] [] [] [] 900 [] [8,10,755]");
   ASSERT_TRUE(server_.waitFor("/api/v1/consent", 1));
   EXPECT_EQ(consentPosts()[0].at("eventType"), "rejected");
   EXPECT_THAT(logLines(),
@@ -234,7 +215,9 @@ TEST_F(QuilletCMPTest, CustomSelectionsKeepOnlyConfiguredPurposesAndSelectedVend
   startUntilBanner(completed);
   SpecialFeatureConsentStore::shared().setVendor(2, 755, true);  // the user opts in on screen
   facade_->applyCustomSelections({7, 99, 1}, {755, 900, 8});
-  EXPECT_EQ(stored(), "FR DE 471 1 12 4 [1,7] [2,7,10] [2] [8,755] 900 [8,755] [8,10,755]");
+  EXPECT_EQ(stored(),
+            "FR DE 471/1 0 100 12 4 17000000000 17000000000 [1,7] [2,7,10] [2] [8,755] 900 [8,755] "
+            "[8,10,755]");
   ASSERT_TRUE(server_.waitFor("/api/v1/consent", 1));
   EXPECT_EQ(consentPosts()[0].at("eventType"), "customized");
   EXPECT_EQ(firebase_->calls().back().at("analytics_storage"), "granted");
@@ -294,7 +277,9 @@ TEST_F(QuilletCMPTest, RejectAllStringWaitsForTheFetchAndStoresNothing) {
   const auto started = std::chrono::steady_clock::now();
   const auto rejectAll = facade_->makeTCStringRejectAll();
   EXPECT_GE(std::chrono::steady_clock::now() - started, 250ms);
-  EXPECT_EQ(brief(rejectAll), "EN AA 471 1 12 4 [] [] [] [] 900 []");  // no allowed vendors
+  EXPECT_EQ(
+      testing::brief(rejectAll.value_or("")),
+      "EN AA 471/1 0 100 12 4 17000000000 17000000000 [] [] [] [] 900 []");  // no allowed vendors
   EXPECT_FALSE(store_->get(StorageKeys::tcString).has_value());
   EXPECT_EQ(server_.count("/api/v1/consent"), 0U);
 }
