@@ -159,6 +159,8 @@ TEST(PurposeAndVendorModel, KeyedCodingRoundTripsAndNamesTheFaultyKey) {
 
   EXPECT_EQ(PurposeModel::fromJson(boost::json::parse(R"({"id": 1})")).error(),
             R"(key "name" is missing)");
+  EXPECT_EQ(PurposeModel::fromJson(boost::json::parse(R"({"id": 1, "name": 5})")).error(),
+            R"(key "name" holds an integer, expected a string)");
   EXPECT_EQ(PurposeModel::fromJson(boost::json::parse(R"({"id": 1.5, "name": "x"})")).error(),
             R"(key "id" holds a number, expected an integer)");
   EXPECT_EQ(

@@ -1,4 +1,5 @@
 #include <functional>
+#include <limits>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -6,6 +7,7 @@
 
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
+#include "quillet/storage/StoreValueCodec.h"
 
 #include "support/TempDirectory.h"
 
@@ -65,6 +67,7 @@ TEST_P(KeyValueStores, TypedReadersFollowThePlatformConversions) {
   store().set("fraction", 2.9);
   store().set("negative fraction", -2.9);
   store().set("huge", 1e300);
+  store().set("lowest", -9223372036854775808.0);
   store().set("YES", "yes");
   store().set("True", "TRUE");
   store().set("one", "1");
@@ -88,6 +91,7 @@ TEST_P(KeyValueStores, TypedReadersFollowThePlatformConversions) {
   EXPECT_EQ(store().readInteger("fraction"), 2);
   EXPECT_EQ(store().readInteger("negative fraction"), -2);
   EXPECT_EQ(store().readInteger("huge"), 0);
+  EXPECT_EQ(store().readInteger("lowest"), std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(store().readInteger("true"), 1);
   EXPECT_EQ(store().readInteger("digits"), -42);
   EXPECT_EQ(store().readInteger("words"), 0);
@@ -128,6 +132,19 @@ TEST_P(KeyValueStores, ManyThreadsReadAndWriteAtOnce) {
     EXPECT_EQ(store().readInteger("thread" + std::to_string(t)), kRounds - 1);
   }
   EXPECT_EQ(store().readDictionary("shared")->size(), 1U);
+}
+
+// The binary form of values takes exactly one whole value: every shorter prefix and any trailing
+// byte are refused.
+TEST(StoreValueCodec, DecodesOnlyWholeValues) {
+  const StoreValue value = StoreValue::Dictionary{
+      {"1", StoreValue::Dictionary{{"755", true}}}, {"text", "Grüße"}, {"bytes", Bytes{1, 2, 3}}};
+  Bytes bytes = storeValueCodec::encode(value);
+  EXPECT_EQ(storeValueCodec::decode(bytes), value);
+  for (std::size_t length = 0; length < bytes.size(); ++length)
+    EXPECT_EQ(storeValueCodec::decode(std::span(bytes).first(length)), std::nullopt) << length;
+  bytes.push_back(0);
+  EXPECT_EQ(storeValueCodec::decode(bytes), std::nullopt);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, KeyValueStores, ::testing::Values("memory", "sqlite"),
