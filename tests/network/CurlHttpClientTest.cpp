@@ -177,6 +177,30 @@ TEST(CurlHttpClient, DestroyingTheClientCancelsWhatIsInFlight) {
   EXPECT_EQ(future.get().code, HttpErrorCode::cancelled);
 }
 
+TEST(CurlHttpClient, TakesABodyOfExactlyTheLimitAndNotOneByteMore) {
+  testing::TestServer server;
+  server.reply("full", Reply{.body = std::string(1000, 'x'), .contentType = "text/plain"});
+  server.reply("over", Reply{.body = std::string(1001, 'x'), .contentType = "text/plain"});
+  CurlHttpClient client({.maxResponseBytes = 1000});
+  EXPECT_EQ(exchange(client, {.url = server.cdnBase() + "full"}).body().size(), 1000U);
+  const Outcome over = exchange(client, {.url = server.cdnBase() + "over"});
+  ASSERT_TRUE(over.error);
+  EXPECT_EQ(over.error->code, HttpErrorCode::responseTooLarge);
+}
+
+TEST(CurlHttpClientDeathTest, AClientDestroyedFromItsOwnCompletionStopsTheProcess) {
+  EXPECT_DEATH(
+      {
+        auto client = std::make_shared<CurlHttpClient>();
+        auto* last = &client;
+        client->send({.url = "http://127.0.0.1:" + std::to_string(testing::closedPort()) + "/"},
+                     [last](std::optional<Bytes>, std::optional<HttpResponse>,
+                            std::optional<HttpError>) { last->reset(); });
+        std::this_thread::sleep_for(std::chrono::seconds(20));
+      },
+      "destroyed from one of its own completions");
+}
+
 TEST(Url, AcceptsOnlyAbsoluteHttpAddresses) {
   EXPECT_TRUE(isValidHttpUrl("https://cdn.example/abc/banner_config.json"));
   EXPECT_TRUE(isValidHttpUrl("http://127.0.0.1:8080/x"));
