@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "quillet/base/Platform.h"
+#include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
 #include "quillet/state/PendingConsentStore.h"
@@ -178,6 +179,47 @@ TEST_F(ConsentStores, SpecialFeatureCascadesAnnounceInOrder) {
   store.setMaster(2, true);  // on switches no vendor on
   EXPECT_THAT(announced_.take(), ElementsAre("specialFeatureMasterChanged featureId=2 on=true"));
   EXPECT_FALSE(store.vendorState(2, 1));
+}
+
+TEST_F(ConsentStores, AMasterSwitchedOffTurnsOnWithItsFirstVendorAndCountsAfterReplacing) {
+  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
+  store.setMaster(3, false);
+  announced_.take();
+  store.setVendor(3, 8, true);
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureMasterChanged featureId=3 on=true",
+                          "specialFeatureVendorChanged featureId=3 on=true vendorId=8"));
+  // Replaced states are counted anew: switching off the one vendor on switches the master off.
+  store.replaceVendorStates({{3, {{8, true}}}});
+  store.replaceVendorStates({{3, {{8, true}}}});
+  announced_.take();
+  store.setVendor(3, 8, false);
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureMasterChanged featureId=3 on=false",
+                          "specialFeatureVendorChanged featureId=3 on=false vendorId=8"));
+}
+
+TEST_F(ConsentStores, AcceptEverythingSwitchesAllOnAndACommitMovesThePendingChoicesIntoTheStores) {
+  const std::vector<std::int64_t> purposes{1, 2}, vendors{8, 755}, features{1};
+  ConsentCommit::acceptEverything(purposes, vendors, features);
+  EXPECT_THAT(announced_.take(),
+              ElementsAre("specialFeatureMasterChanged featureId=1 on=true",
+                          "specialFeatureVendorChanged featureId=1 on=true vendorId=8",
+                          "specialFeatureVendorChanged featureId=1 on=true vendorId=755"));
+  auto& pending = PendingConsentStore::shared();
+  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, true}, {2, true}}));
+  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, true}, {755, true}}));
+  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{1, true}}));
+  EXPECT_TRUE(SpecialFeatureConsentStore::shared().vendorState(1, 755));
+  ConsentCommit::switchVendor(8, false);
+  EXPECT_EQ(VendorConsentStore::shared().states(), (ConsentFlags{{8, false}}));
+  SpecialFeatureConsentStore::shared().replaceMasterStates({});
+  ConsentCommit::commitPending();
+  EXPECT_EQ(VendorConsentStore::shared().states(), (ConsentFlags{{8, false}, {755, true}}));
+  EXPECT_EQ(PurposeConsentStore::shared().states(), pending.purposeConsent());
+  EXPECT_EQ(SpecialFeatureConsentStore::shared().masterStates(), (ConsentFlags{{1, true}}));
+  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureMasterStates),
+            (StoreValue::Dictionary{{"1", true}}));
 }
 
 TEST_F(ConsentStores, SpecialFeaturesPersistAndLoadBack) {
