@@ -1,4 +1,5 @@
 #include <atomic>
+#include <fstream>
 #include <future>
 #include <sstream>
 #include <thread>
@@ -149,6 +150,8 @@ TEST_F(QuilletCMPTest, AFirstRunShowsTheBannerAndCompletesAfterTheDecision) {
   const auto banner = host_->presented()[0];
   EXPECT_FALSE(banner.secondLayer);
   EXPECT_EQ(banner.thread, std::this_thread::get_id());  // on the main queue
+  EXPECT_EQ(banner.presentation.transition, Transition::crossDissolve);
+  EXPECT_TRUE(banner.presentation.animated);
   EXPECT_THAT(banner.content.config.selectedVendorIds().value(), ElementsAre(8, 10, 755));
   std::vector<std::int64_t> offered;
   for (const auto& purpose : banner.content.purposes)
@@ -234,9 +237,9 @@ TEST_F(QuilletCMPTest, RepeatsOfTheSameStringAndEventAreNotPostedTwice) {
   facade_->acceptAllSelections();  // same clock reading, same string
   EXPECT_THAT(logLines(), Contains("[INFO] [QLT-CMP:QuilletCMP] Skipping duplicate consent event "
                                    "(TCString/eventType unchanged)"));
-  facade_->rejectAllSelections();
   clock_->set(1700000000000 + 5000);
-  facade_->acceptAllSelections();
+  facade_->acceptAllSelections();  // the same event with a new string
+  facade_->rejectAllSelections();
   ASSERT_TRUE(server_.waitFor("/api/v1/consent", 3));
   std::this_thread::sleep_for(100ms);
   std::vector<std::string> events;
@@ -265,6 +268,10 @@ TEST_F(QuilletCMPTest, WithoutAVendorListStartUpCompletesWithNothingShown) {
   EXPECT_EQ(facade_->makeTCStringRejectAll(), std::nullopt);
   main_->runUntilIdle();
   EXPECT_EQ(host_->count(), 0U);
+  // Once the list can be had, asking for the banner fetches again and shows it.
+  server_.reply("gvl.json", Reply{.body = testing::kSmallVendorList});
+  facade_->showBanner(false);
+  EXPECT_TRUE(pumpUntil([&] { return host_->count() == 1; }));
 }
 
 TEST_F(QuilletCMPTest, RejectAllStringWaitsForTheFetchAndStoresNothing) {
@@ -371,6 +378,17 @@ TEST_F(QuilletCMPTest, TheBundledDemoConfigurationShowsItsGoldenBanner) {
   std::atomic<int> completed{0};
   startUntilBanner(completed);
   EXPECT_TRUE(testing::matchesGolden("demo-banner.html", host_->presented()[0].screen->document()));
+}
+
+TEST_F(QuilletCMPTest, AVendorNamingALegitimateInterestPurposeTwiceStopsTheStartUp) {
+  std::string list = testing::kSmallVendorList;
+  list.replace(list.find("\"legIntPurposes\": [7]"), 21, "\"legIntPurposes\": [7, 7]");
+  const auto file = directory_ / "twice.json";
+  std::ofstream(file) << list;
+  const auto run = runTool({(directory_ / "twice.sqlite").string(), "--serve", file.string(),
+                            testing::kSmallConfig, "--decide", "none"});
+  EXPECT_NE(run.status, 0);
+  EXPECT_THAT(run.err, ::testing::HasSubstr("Duplicate values for key: '7'"));
 }
 
 TEST_F(QuilletCMPTest, AHostMayExitWhileAFetchAndAPostAreInFlight) {
