@@ -141,8 +141,10 @@ TEST(StoreValueCodec, DecodesOnlyWholeValues) {
       {"1", StoreValue::Dictionary{{"755", true}}}, {"text", "Grüße"}, {"bytes", Bytes{1, 2, 3}}};
   Bytes bytes = storeValueCodec::encode(value);
   EXPECT_EQ(storeValueCodec::decode(bytes), value);
-  for (std::size_t length = 0; length < bytes.size(); ++length)
-    EXPECT_EQ(storeValueCodec::decode(std::span(bytes).first(length)), std::nullopt) << length;
+  for (std::size_t length = 0; length < bytes.size(); ++length) {
+    const Bytes prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
+    EXPECT_EQ(storeValueCodec::decode(prefix), std::nullopt) << length;  // no read past its end
+  }
   bytes.push_back(0);
   EXPECT_EQ(storeValueCodec::decode(bytes), std::nullopt);
 }
