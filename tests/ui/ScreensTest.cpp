@@ -361,6 +361,7 @@ TEST_F(Screens, AVendorWithoutOfferedLegitimateInterestHasNoSuchSection) {
   tap("quillet://vendor-details/1");  // Ten: no legitimate interest at all
   EXPECT_THAT(host_->topScreen()->document(), Not(HasSubstr("Legitimate Interest Consent")));
   tap("quillet://close");
+  EXPECT_EQ(host_->topScreen(), second);
   // Google with only purposes 1 and 3 offered: its purposes 2 and 7 are not.
   const auto details = std::make_shared<VendorDetailsViewController>(
       *second->content().rawVendors[2], second->content().gvl, VendorConsentStore::shared(),
@@ -435,6 +436,28 @@ TEST_F(Screens, DisclosureIsDownloadedDecodedAndShown) {
   disclosure("bad.json");
   EXPECT_THAT(log.lines(), Contains(HasSubstr("was refused (" + server.cdnBase() +
                                               "bad.json): disclosures[0]: key \"identifier\"")));
+}
+
+TEST(ScreenEvent, LinksOfTheLibrarysSchemeNameAnEventAndItsIds) {
+  using Ids = std::vector<std::int64_t>;
+  const std::pair<const char*, std::optional<std::pair<std::string, Ids>>> rows[] = {
+      {"quillet://save", std::pair("save", Ids{})},
+      {"QUILLET://purpose-vendor/1/10", std::pair("purpose-vendor", Ids{1, 10})},
+      {"quillet://segment/1//", std::pair("segment", Ids{1})},
+      {"quillet://segment/1?tab=2/3#x", std::pair("segment", Ids{1})},
+      {"quillet://segment#1", std::pair("segment", Ids{})},
+      {"quillet://", std::nullopt},
+      {"quillet:///", std::nullopt},
+      {"quillet://li/x", std::nullopt},
+      {"quillet://li/2/", std::pair("li", Ids{2})},
+      {"https://example.com/save", std::nullopt},
+  };
+  for (const auto& [url, expected] : rows) {
+    const auto event = ScreenEvent::parse(url);
+    EXPECT_EQ(event ? std::optional(std::pair(event->name, event->ids)) : std::nullopt, expected)
+        << url;
+  }
+  EXPECT_EQ(ScreenEvent::link("purpose-vendor", {1, 10}), "quillet://purpose-vendor/1/10");
 }
 
 TEST_F(Screens, DocumentsEscapeEveryTextAndLinkOnlyToSafeAddresses) {
