@@ -295,10 +295,21 @@ TEST_F(Screens, LegitimateInterestAndSpecialFeatureSwitchesOnThePurposesTab) {
                           "specialFeatureMasterChanged featureId=1 on=false"));
   EXPECT_EQ(PendingConsentStore::shared().specialFeatureMaster().at(1), false);
 
-  // The tab follows a master changed elsewhere.
+  // The tab follows a master or a legitimate interest changed elsewhere, and only those it shows.
   SpecialFeatureConsentStore::shared().setMaster(2, true);
   EXPECT_TRUE(second->purposeVC().specialFeatureToggles.at(2).isOn());
   EXPECT_THAT(second->document(), HasSubstr("Special Features (Master)"));
+  auto& center = NotificationCenter::defaultCenter();
+  center.post(NotificationNames::purposeLegitimateInterestChanged,
+              {{"purposeId", std::int64_t{7}}, {"on", false}});
+  EXPECT_FALSE(second->purposeVC().liToggles.at(7).isOn());
+  const auto updates = host_->updates().size();
+  center.post(NotificationNames::specialFeatureMasterChanged,
+              {{"featureId", std::int64_t{2}}, {"on", true}});
+  center.post(NotificationNames::specialFeatureMasterChanged,
+              {{"featureId", std::int64_t{9}}, {"on", true}});
+  main_->runUntilIdle();
+  EXPECT_EQ(host_->updates().size(), updates);  // nothing changed, nothing shown anew
 }
 
 TEST_F(Screens, VendorDetailsKeepTheLegitimateInterestMasterInStepWithoutLoops) {
