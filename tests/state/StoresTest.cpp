@@ -130,9 +130,12 @@ TEST_F(ConsentStores, PendingLoadCopiesTheStoresAndDropsLegitimateInterest) {
 TEST_F(ConsentStores, SpecialFeatureChangesAreLoggedWithTheWholeMap) {
   const testing::LogCapture log;
   PendingConsentStore::shared().setSpecialFeatureConsent(1, 755, true);
+  PendingConsentStore::shared().reset({}, {}, {});
   EXPECT_THAT(log.lines(),
               ElementsAre("[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
-                          "changed: {1: {755: true}}"));
+                          "changed: {1: {755: true}}",
+                          "[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
+                          "changed: {}"));
 }
 
 TEST_F(ConsentStores, VendorSwitchesAnnounceOnlyRealChanges) {
@@ -189,14 +192,16 @@ TEST_F(ConsentStores, AMasterSwitchedOffTurnsOnWithItsFirstVendorAndCountsAfterR
   EXPECT_THAT(announced_.take(),
               ElementsAre("specialFeatureMasterChanged featureId=3 on=true",
                           "specialFeatureVendorChanged featureId=3 on=true vendorId=8"));
-  // Replaced states are counted anew: switching off the one vendor on switches the master off.
+  // Replaced states are counted anew: once the vendors on are gone, switching off the one vendor
+  // switched on since switches the master off.
   store.replaceVendorStates({{3, {{8, true}}}});
-  store.replaceVendorStates({{3, {{8, true}}}});
+  store.replaceVendorStates({});
+  store.setVendor(3, 9, true);
   announced_.take();
-  store.setVendor(3, 8, false);
+  store.setVendor(3, 9, false);
   EXPECT_THAT(announced_.take(),
               ElementsAre("specialFeatureMasterChanged featureId=3 on=false",
-                          "specialFeatureVendorChanged featureId=3 on=false vendorId=8"));
+                          "specialFeatureVendorChanged featureId=3 on=false vendorId=9"));
 }
 
 TEST_F(ConsentStores, AcceptEverythingSwitchesAllOnAndACommitMovesThePendingChoicesIntoTheStores) {
@@ -216,7 +221,7 @@ TEST_F(ConsentStores, AcceptEverythingSwitchesAllOnAndACommitMovesThePendingChoi
   SpecialFeatureConsentStore::shared().replaceMasterStates({});
   ConsentCommit::commitPending();
   EXPECT_EQ(VendorConsentStore::shared().states(), (ConsentFlags{{8, false}, {755, true}}));
-  EXPECT_EQ(PurposeConsentStore::shared().states(), pending.purposeConsent());
+  EXPECT_EQ(PurposeConsentStore::shared().states(), (ConsentFlags{{1, true}, {2, true}}));
   EXPECT_EQ(SpecialFeatureConsentStore::shared().masterStates(), (ConsentFlags{{1, true}}));
   EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureMasterStates),
             (StoreValue::Dictionary{{"1", true}}));
