@@ -299,6 +299,7 @@ TEST_F(QuilletCMPTest, ShowBannerFromAnotherThreadPresentsOnTheMainQueue) {
   ASSERT_TRUE(pumpUntil([&] { return host_->count() == 2; }));
   EXPECT_EQ(host_->presented()[1].thread, std::this_thread::get_id());
   EXPECT_FALSE(host_->presented()[1].secondLayer);
+  EXPECT_EQ(server_.count("/cdn/pub/banner_config.json"), 1U);  // a loaded configuration is kept
 }
 
 TEST_F(QuilletCMPTest, StoredConsentSuppressesTheBannerAndForceOpensTheStoredChoices) {
