@@ -66,7 +66,7 @@ TEST(DecodeCommand, PrettyPrintsTheSameObject) {
   EXPECT_THAT(pretty.out, HasSubstr("\n  \"cmpId\": 2,\n"));
   EXPECT_EQ(boost::json::parse(pretty.out), boost::json::parse(compact.out));
   // Publisher restrictions: an array of objects, one per line.
-  const char* restricted = "COwAdDhOwAdDhN4ABAENAPCgAAQAAv___wAAAFP_AAp_4AI6ACACAA";
+  const char* restricted = "COvzTO5OvzTO5BRAAAENAPCoALIAADgAAAAAAewAwABAAlAB6ABBFADBQAQA9hAAAcAA";
   const Outcome objects = quillet({"decode", "--pretty", restricted});
   EXPECT_EQ(boost::json::parse(objects.out),
             boost::json::parse(quillet({"decode", restricted}).out));
