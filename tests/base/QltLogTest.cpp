@@ -17,18 +17,10 @@ using ::testing::MatchesRegex;
 // Installs a recording sink and restores the process-wide settings afterwards.
 class QltLogTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    QltLog::setSink(sink_);
-    QltLog::setEnabled(true);
-  }
-  void TearDown() override {
-    QltLog::setEnabled(false);
-    QltLog::setTagPrefix("QLT-CMP");
-    QltLog::setSink(nullptr);
-  }
-  std::vector<std::string> lines() const { return sink_->lines(); }
+  void TearDown() override { QltLog::setTagPrefix("QLT-CMP"); }
+  std::vector<std::string> lines() const { return log_.raw(); }
 
-  std::shared_ptr<testing::RecordingLogSink> sink_ = std::make_shared<testing::RecordingLogSink>();
+  testing::LogCapture log_;
 };
 
 // The part of a line after its timestamp.

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "quillet/base/QltLog.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
 #include "support/ChildProcess.h"
@@ -129,14 +128,6 @@ TEST(SqliteKeyValueStore, AKillAtAnyMomentLosesNoSynchronisedWriteAndNeverCorrup
 
 class StoreRecovery : public ::testing::Test {
  protected:
-  void SetUp() override {
-    QltLog::setSink(log_);
-    QltLog::setEnabled(true);
-  }
-  void TearDown() override {
-    QltLog::setEnabled(false);
-    QltLog::setSink(nullptr);
-  }
   // Opens the store at `path_`, which must start fresh after setting the old file aside.
   void expectSetAside(const std::string& reason) {
     const auto store = openStore(path_);
@@ -145,15 +136,15 @@ class StoreRecovery : public ::testing::Test {
     store->set("fresh", true);
     EXPECT_TRUE(store->readBool("fresh"));
     ASSERT_EQ(setAsideFiles(directory_.path()).size(), 1U);
-    ASSERT_EQ(log_->lines().size(), 1U);
-    EXPECT_THAT(log_->lines()[0], HasSubstr("[ERROR] [QLT-CMP:KeyValueStore] The store at "));
-    EXPECT_THAT(log_->lines()[0], HasSubstr(reason));
-    EXPECT_THAT(log_->lines()[0], HasSubstr(setAsideFiles(directory_.path())[0].string()));
+    ASSERT_EQ(log_.raw().size(), 1U);
+    EXPECT_THAT(log_.raw()[0], HasSubstr("[ERROR] [QLT-CMP:KeyValueStore] The store at "));
+    EXPECT_THAT(log_.raw()[0], HasSubstr(reason));
+    EXPECT_THAT(log_.raw()[0], HasSubstr(setAsideFiles(directory_.path())[0].string()));
   }
 
   testing::TempDirectory directory_;
   std::filesystem::path path_ = directory_ / "store.sqlite";
-  std::shared_ptr<testing::RecordingLogSink> log_ = std::make_shared<testing::RecordingLogSink>();
+  testing::LogCapture log_;
 };
 
 TEST_F(StoreRecovery, AGarbageFileIsSetAsideUnchanged) {
@@ -187,7 +178,7 @@ TEST_F(StoreRecovery, AnEmptyFileIsANewStore) {
   ASSERT_TRUE(store);
   store->set("x", 1);
   EXPECT_TRUE(setAsideFiles(directory_.path()).empty());
-  EXPECT_TRUE(log_->lines().empty());
+  EXPECT_TRUE(log_.raw().empty());
 }
 
 TEST_F(StoreRecovery, APathThatCannotHoldAStoreIsAnErrorNotACrash) {
