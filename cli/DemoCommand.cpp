@@ -1,3 +1,4 @@
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -261,6 +262,10 @@ class DemoServer {
       r.set_content("{}", "application/json");
     });
     thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // A stop() before the accept loop has started is lost, and the destructor's join would wait
+    // for ever (as it did when the web host's port was taken right after this started).
+    while (!server_.is_running())
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   ~DemoServer() {
     server_.stop();

@@ -416,7 +416,7 @@ test('the demo names what it cannot use: a port, a configuration key', { timeout
     assert.ok(demo.stderr.includes(key), `${key}:\n${demo.stderr}`);
   }
   const port = new URL(demo.url).port;
-  const run = (args) => spawnSync(process.env.QUILLET_CLI, ['demo', '--state', folder, ...args], { encoding: 'utf8', timeout: 20000 });
+  const run = (args) => spawnSync(process.env.QUILLET_CLI, ['demo', '--state', folder, ...args], { encoding: 'utf8', timeout: 20000, killSignal: 'SIGKILL' });
   const broken = join(folder, 'broken.json');
   writeFileSync(broken, '{"showRejectButton": tru');
   const taken = run(['--port', port, '--config', broken]);

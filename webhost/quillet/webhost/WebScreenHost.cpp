@@ -3,6 +3,7 @@
 #include <charconv>
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include <boost/json.hpp>
 #include <httplib.h>
@@ -73,6 +74,10 @@ std::shared_ptr<WebScreenHost> WebScreenHost::start(std::shared_ptr<MainQueue> m
                           : (host->server_->bind_to_port(address, port) ? port : -1);
   if (host->port_ <= 0) return nullptr;
   host->thread_ = std::thread([server = host->server_.get()] { server->listen_after_bind(); });
+  // The server's stop() is lost when it comes before the accept loop has started, and the join
+  // in stop() would then wait for ever: a host is only handed out once it is accepting.
+  while (!host->server_->is_running())
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return host;
 }
 
