@@ -8,6 +8,7 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
+#include <gtest/gtest.h>
 
 #include "quillet/model/Json.h"
 
@@ -22,13 +23,24 @@ inline std::string testdataText(const std::string& name) {
   return text.str();
 }
 
-/// Whether `text` is the whole of testdata/golden/<name>; with QUILLET_UPDATE_GOLDEN=1 in the
-/// environment it rewrites that file instead (review the difference before committing it).
-inline bool matchesGolden(const std::string& name, const std::string& text) {
+/// Whether `text` is the whole of testdata/golden/<name>, naming the first line that differs when
+/// not; with QUILLET_UPDATE_GOLDEN=1 in the environment it rewrites that file instead (review the
+/// difference before committing it).
+inline ::testing::AssertionResult matchesGolden(const std::string& name, const std::string& text) {
   if (std::getenv("QUILLET_UPDATE_GOLDEN") != nullptr) {
     std::ofstream(std::string(QUILLET_TESTDATA_DIR) + "/golden/" + name, std::ios::binary) << text;
   }
-  return text == testdataText("golden/" + name);
+  const std::string golden = testdataText("golden/" + name);
+  if (text == golden) return ::testing::AssertionSuccess();
+  std::istringstream have(text);
+  std::istringstream want(golden);
+  std::string got;
+  std::string expected;
+  int line = 1;
+  while (std::getline(have, got) && std::getline(want, expected) && got == expected)
+    ++line;
+  return ::testing::AssertionFailure() << "golden/" << name << " line " << line << ":\n  is     "
+                                       << got << "\n  golden " << expected;
 }
 
 /// A JSON object from text; throws (failing the test) when it is not one.
