@@ -1,4 +1,6 @@
 #include <atomic>
+#include <functional>
+#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -16,9 +18,9 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
-#include "support/Announcements.h"
 #include "support/ConsentStores.h"
-#include "support/RecordingLogSink.h"
+#include "support/ConsentWalk.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {
@@ -79,177 +81,152 @@ TEST(NotificationCenter, ManyThreadsPostAndSubscribeAtOnce) {
   EXPECT_EQ(delivered.load(), 2000);
 }
 
-// The stores are process-wide: every test starts them empty, on a store in memory.
+// The stores are process-wide: every test starts them empty, on a store in memory, and narrates
+// its walk through them (with what they persist) into testdata/golden/stores/<test>.txt.
 class ConsentStores : public ::testing::Test {
  protected:
   void SetUp() override {
     Platform::install({.keyValueStore = store_});
     testing::emptyConsentStores();
-    announced_.take();
+    walk_.emplace([this]() -> testing::ConsentWalk::Values {
+      return {{"persisted masters", persisted(StorageKeys::specialFeatureMasterStates)},
+              {"persisted vendors", persisted(StorageKeys::specialFeatureVendorStates)}};
+    });
   }
-  void TearDown() override { Platform::install({}); }
+  void TearDown() override {
+    walk_.reset();
+    Platform::install({});
+  }
+
+  void expectWalk() const {
+    const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    EXPECT_TRUE(testing::matchesGolden("stores/" + test + ".txt", walk_->transcript));
+  }
+
+  void step(const std::string& name, const std::function<void()>& action) {
+    walk_->step(name, action);
+  }
+
+  std::string persisted(std::string_view key) const {
+    const auto value = store_->get(key);
+    if (!value) return "";
+    const std::function<std::string(const StoreValue&)> text = [&](const StoreValue& v) {
+      if (const auto* on = v.get<bool>()) return std::string(*on ? "+" : "-");
+      const auto* dictionary = v.get<StoreValue::Dictionary>();
+      if (dictionary == nullptr) return std::string("?");
+      std::string out = "{";
+      for (const auto& [name, inner] : *dictionary)
+        out += " " + name + text(inner);
+      return out + " }";
+    };
+    return text(*value);
+  }
 
   std::shared_ptr<MemoryKeyValueStore> store_ = std::make_shared<MemoryKeyValueStore>();
-  testing::Announcements announced_;
+  std::optional<testing::ConsentWalk> walk_;
 };
 
-TEST_F(ConsentStores, PendingResetSwitchesEverythingOffButLeavesLegitimateInterestEmpty) {
-  PendingConsentStore& pending = PendingConsentStore::shared();
-  pending.setLiPurposeConsent(8, 2, true);
-  const std::vector<std::int64_t> purposes{1, 2, 2}, vendors{8, 755}, features{1};
-  pending.reset(purposes, vendors, features);
-  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, false}, {2, false}}));
-  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, false}, {755, false}}));
-  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{1, false}}));
-  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{1, {{8, false}, {755, false}}}}));
-  EXPECT_THAT(pending.liPurposeConsent(), IsEmpty());
-
-  pending.reset({}, {}, features);  // features without vendors: an empty inner map
-  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{1, {}}}));
+// A reset switches everything off and empties legitimate interest; features without vendors get
+// an empty inner map.
+TEST_F(ConsentStores, PendingReset) {
+  auto& pending = PendingConsentStore::shared();
+  step("li 8/2 on", [&] { pending.setLiPurposeConsent(8, 2, true); });
+  step("reset purposes 1 2 2, vendors 8 755, feature 1", [&] {
+    const std::vector<std::int64_t> purposes{1, 2, 2}, vendors{8, 755}, features{1};
+    pending.reset(purposes, vendors, features);
+  });
+  step("reset feature 1 only", [&] { pending.reset({}, {}, std::vector<std::int64_t>{1}); });
   EXPECT_FALSE(pending.specialFeatureConsent(1, 8));
   EXPECT_FALSE(pending.specialFeatureConsent(9, 8));
-  pending.setSpecialFeatureConsent(2, 8, true);
+  step("feature 2 on for 8", [&] { pending.setSpecialFeatureConsent(2, 8, true); });
   EXPECT_TRUE(pending.specialFeatureConsent(2, 8));
+  step("reset nothing", [&] { pending.reset({}, {}, {}); });
+  expectWalk();
 }
 
-TEST_F(ConsentStores, PendingLoadCopiesTheStoresAndDropsLegitimateInterest) {
-  PurposeConsentStore::shared().replaceStates({{1, true}});
-  VendorConsentStore::shared().replaceStates({{8, true}, {10, false}});
-  SpecialFeatureConsentStore::shared().setVendor(2, 8, true);
-  PendingConsentStore& pending = PendingConsentStore::shared();
-  pending.setLiPurposeConsent(8, {{7, true}});
-  pending.load(VendorConsentStore::shared(), PurposeConsentStore::shared(),
-               SpecialFeatureConsentStore::shared());
-  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, true}}));
-  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, true}, {10, false}}));
-  EXPECT_EQ(pending.specialFeatureConsent(), (NestedConsentFlags{{2, {{8, true}}}}));
-  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{2, true}}));
-  EXPECT_THAT(pending.liPurposeConsent(), IsEmpty());
+// Loading copies the stores into the pending choices and drops legitimate interest.
+TEST_F(ConsentStores, PendingLoad) {
+  step("stores: purpose 1 on, vendors 8 on 10 off, feature 2 on for 8, li 8/7", [] {
+    PurposeConsentStore::shared().replaceStates({{1, true}});
+    VendorConsentStore::shared().replaceStates({{8, true}, {10, false}});
+    SpecialFeatureConsentStore::shared().setVendor(2, 8, true);
+    PendingConsentStore::shared().setLiPurposeConsent(8, {{7, true}});
+  });
+  step("load", [] {
+    PendingConsentStore::shared().load(VendorConsentStore::shared(), PurposeConsentStore::shared(),
+                                       SpecialFeatureConsentStore::shared());
+  });
+  expectWalk();
 }
 
-TEST_F(ConsentStores, SpecialFeatureChangesAreLoggedWithTheWholeMap) {
-  const testing::LogCapture log;
-  PendingConsentStore::shared().setSpecialFeatureConsent(1, 755, true);
-  PendingConsentStore::shared().reset({}, {}, {});
-  EXPECT_THAT(log.lines(),
-              ElementsAre("[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
-                          "changed: {1: {755: true}}",
-                          "[DEBUG] [QLT-CMP:PendingConsentStore] specialFeatureConsent "
-                          "changed: {}"));
+// Only real changes are announced; an absent switch counts as changed.
+TEST_F(ConsentStores, VendorAndPurposeSwitches) {
+  auto& vendors = VendorConsentStore::shared();
+  for (const bool on : {false, false, true})
+    step(std::string("vendor 5 ") + (on ? "on" : "off"), [&] { vendors.setConsent(5, on); });
+  step("replace vendors 2 on 1 off, purposes 3 on", [&] {
+    vendors.replaceStates({{2, true}, {1, false}});
+    PurposeConsentStore::shared().replaceStates({{3, true}});
+  });
+  expectWalk();
 }
 
-TEST_F(ConsentStores, VendorSwitchesAnnounceOnlyRealChanges) {
-  VendorConsentStore& vendors = VendorConsentStore::shared();
-  vendors.setConsent(5, false);  // absent counts as changed
-  vendors.setConsent(5, false);
-  vendors.setConsent(5, true);
-  EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=5 on=false",
-                                             "qlt.vendorConsentChanged id=5 on=true"));
-  vendors.replaceStates({{2, true}, {1, false}});
-  PurposeConsentStore::shared().replaceStates({{3, true}});
-  EXPECT_THAT(announced_.take(), ElementsAre("qlt.vendorConsentChanged id=1 on=false",
-                                             "qlt.vendorConsentChanged id=2 on=true",
-                                             "qlt.purposeConsentChanged id=3 on=true"));
-  EXPECT_EQ(vendors.states(), (ConsentFlags{{1, false}, {2, true}}));
+// The first vendor on switches the master on first; the last one off switches it off; a master
+// off switches its vendors off, a master on switches none on; replaced states are counted anew.
+TEST_F(ConsentStores, SpecialFeatureCascades) {
+  auto& store = SpecialFeatureConsentStore::shared();
+  step("feature 1 on for 8", [&] { store.setVendor(1, 8, true); });
+  step("feature 1 off for 8", [&] { store.setVendor(1, 8, false); });
+  step("feature 2 on for 1 2 3, off for 4 5", [&] {
+    for (const std::int64_t vendor : {1, 2, 3, 4, 5})
+      store.setVendor(2, vendor, vendor <= 3);
+  });
+  step("master 2 off", [&] { store.setMaster(2, false); });
+  step("master 2 on", [&] { store.setMaster(2, true); });
+  step("master 3 off", [&] { store.setMaster(3, false); });
+  step("feature 3 on for 8", [&] { store.setVendor(3, 8, true); });
+  step("vendor states replaced twice, the second time with none", [&] {
+    store.replaceVendorStates({{3, {{8, true}}}});
+    store.replaceVendorStates({});
+  });
+  step("feature 3 on for 9", [&] { store.setVendor(3, 9, true); });
+  step("feature 3 off for 9", [&] { store.setVendor(3, 9, false); });
+  expectWalk();
 }
 
-TEST_F(ConsentStores, SpecialFeatureCascadesAnnounceInOrder) {
-  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
-  store.setVendor(1, 8, true);  // first vendor on: master on first
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureMasterChanged featureId=1 on=true",
-                          "specialFeatureVendorChanged featureId=1 on=true vendorId=8"));
-  EXPECT_TRUE(PendingConsentStore::shared().specialFeatureMaster().at(1));
-  EXPECT_TRUE(PendingConsentStore::shared().specialFeatureConsent(1, 8));
-
-  store.setVendor(1, 8, false);  // last vendor off: master off first, nothing more to cascade
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureMasterChanged featureId=1 on=false",
-                          "specialFeatureVendorChanged featureId=1 on=false vendorId=8"));
-
-  for (const std::int64_t vendor : {1, 2, 3})
-    store.setVendor(2, vendor, true);
-  for (const std::int64_t vendor : {4, 5})
-    store.setVendor(2, vendor, false);
-  announced_.take();
-  store.setMaster(2, false);  // three vendors on, two off
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureVendorChanged featureId=2 on=false vendorId=1",
-                          "specialFeatureVendorChanged featureId=2 on=false vendorId=2",
-                          "specialFeatureVendorChanged featureId=2 on=false vendorId=3",
-                          "specialFeatureMasterChanged featureId=2 on=false"));
-  EXPECT_FALSE(PendingConsentStore::shared().specialFeatureConsent(2, 3));
-  store.setMaster(2, true);  // on switches no vendor on
-  EXPECT_THAT(announced_.take(), ElementsAre("specialFeatureMasterChanged featureId=2 on=true"));
-  EXPECT_FALSE(store.vendorState(2, 1));
+// Accept everything switches all on; a commit moves the pending choices into the stores.
+TEST_F(ConsentStores, AcceptEverythingAndCommit) {
+  step("accept purposes 1 2, vendors 8 755, feature 1", [] {
+    const std::vector<std::int64_t> purposes{1, 2}, vendors{8, 755}, features{1};
+    ConsentCommit::acceptEverything(purposes, vendors, features);
+  });
+  step("switch vendor 8 off", [] { ConsentCommit::switchVendor(8, false); });
+  step("masters replaced with none",
+       [] { SpecialFeatureConsentStore::shared().replaceMasterStates({}); });
+  step("commit", [] { ConsentCommit::commitPending(); });
+  expectWalk();
 }
 
-TEST_F(ConsentStores, AMasterSwitchedOffTurnsOnWithItsFirstVendorAndCountsAfterReplacing) {
-  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
-  store.setMaster(3, false);
-  announced_.take();
-  store.setVendor(3, 8, true);
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureMasterChanged featureId=3 on=true",
-                          "specialFeatureVendorChanged featureId=3 on=true vendorId=8"));
-  // Replaced states are counted anew: once the vendors on are gone, switching off the one vendor
-  // switched on since switches the master off.
-  store.replaceVendorStates({{3, {{8, true}}}});
-  store.replaceVendorStates({});
-  store.setVendor(3, 9, true);
-  announced_.take();
-  store.setVendor(3, 9, false);
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureMasterChanged featureId=3 on=false",
-                          "specialFeatureVendorChanged featureId=3 on=false vendorId=9"));
-}
-
-TEST_F(ConsentStores, AcceptEverythingSwitchesAllOnAndACommitMovesThePendingChoicesIntoTheStores) {
-  const std::vector<std::int64_t> purposes{1, 2}, vendors{8, 755}, features{1};
-  ConsentCommit::acceptEverything(purposes, vendors, features);
-  EXPECT_THAT(announced_.take(),
-              ElementsAre("specialFeatureMasterChanged featureId=1 on=true",
-                          "specialFeatureVendorChanged featureId=1 on=true vendorId=8",
-                          "specialFeatureVendorChanged featureId=1 on=true vendorId=755"));
-  auto& pending = PendingConsentStore::shared();
-  EXPECT_EQ(pending.purposeConsent(), (ConsentFlags{{1, true}, {2, true}}));
-  EXPECT_EQ(pending.vendorConsent(), (ConsentFlags{{8, true}, {755, true}}));
-  EXPECT_EQ(pending.specialFeatureMaster(), (ConsentFlags{{1, true}}));
-  EXPECT_TRUE(SpecialFeatureConsentStore::shared().vendorState(1, 755));
-  ConsentCommit::switchVendor(8, false);
-  EXPECT_EQ(VendorConsentStore::shared().states(), (ConsentFlags{{8, false}}));
-  SpecialFeatureConsentStore::shared().replaceMasterStates({});
-  ConsentCommit::commitPending();
-  EXPECT_EQ(VendorConsentStore::shared().states(), (ConsentFlags{{8, false}, {755, true}}));
-  EXPECT_EQ(PurposeConsentStore::shared().states(), (ConsentFlags{{1, true}, {2, true}}));
-  EXPECT_EQ(SpecialFeatureConsentStore::shared().masterStates(), (ConsentFlags{{1, true}}));
-  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureMasterStates),
-            (StoreValue::Dictionary{{"1", true}}));
-}
-
+// What is persisted loads back without announcing anything; empty maps persist as empty.
 TEST_F(ConsentStores, SpecialFeaturesPersistAndLoadBack) {
-  SpecialFeatureConsentStore& store = SpecialFeatureConsentStore::shared();
-  store.setVendor(1, 755, true);
-  store.setVendor(1, 8, false);
-  store.setMaster(2, false);
-  store.persist();
-  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureMasterStates),
-            (StoreValue::Dictionary{{"1", true}, {"2", false}}));
-  const auto persistedMasters = store.masterStates();
-  const auto persistedVendors = store.vendorStates();
-  store.replaceMasterStates({});
-  store.replaceVendorStates({});
-  announced_.take();
-  store.loadPersisted();
-  EXPECT_EQ(store.masterStates(), persistedMasters);
-  EXPECT_EQ(store.vendorStates(), persistedVendors);
-  EXPECT_THAT(announced_.take(), IsEmpty());  // loading announces nothing
-
-  store.replaceMasterStates({});
-  store.replaceVendorStates({});
-  store.persist();  // empty maps persist as empty dictionaries
-  EXPECT_EQ(store_->readDictionary(StorageKeys::specialFeatureVendorStates),
-            StoreValue::Dictionary{});
+  auto& store = SpecialFeatureConsentStore::shared();
+  step("feature 1 on for 755, off for 8; master 2 off; persist", [&] {
+    store.setVendor(1, 755, true);
+    store.setVendor(1, 8, false);
+    store.setMaster(2, false);
+    store.persist();
+  });
+  step("states replaced with none", [&] {
+    store.replaceMasterStates({});
+    store.replaceVendorStates({});
+  });
+  step("load persisted", [&] { store.loadPersisted(); });
+  step("states replaced with none, persist", [&] {
+    store.replaceMasterStates({});
+    store.replaceVendorStates({});
+    store.persist();
+  });
+  expectWalk();
 }
 
 TEST_F(ConsentStores, PersistedValuesOfTheWrongShapeAreIgnored) {

@@ -1,7 +1,5 @@
 // What every button, switch and observer of the consent screens writes, announces and hands on.
 
-#include <functional>
-#include <map>
 #include <regex>
 #include <sstream>
 
@@ -18,7 +16,7 @@
 #include "quillet/ui/VendorDetailsViewController.h"
 #include "quillet/ui/WebCMPStyleToggle.h"
 
-#include "support/Announcements.h"
+#include "support/ConsentWalk.h"
 #include "support/RecordingLogSink.h"
 #include "support/TestData.h"
 #include "support/TestServer.h"
@@ -52,17 +50,7 @@ class Screens : public testing::ScreenFixture {
   }
 
   void step(const std::string& name, const std::function<void()>& action) {
-    transcript_ += name + "\n";
-    action();
-    for (const auto& line : announced_.take())
-      transcript_ += "  ! " + line + "\n";
-    for (const auto& line : log_.lines())
-      transcript_ += "  log " + line + "\n";
-    log_.clear();
-    for (const auto& [key, value] : observe()) {
-      if (std::exchange(seen_[key], value) != value)
-        transcript_ += "  " + key + ": " + value + "\n";
-    }
+    walk_.step(name, action);
   }
 
   // Follows one of the library's links in the top screen.
@@ -71,12 +59,11 @@ class Screens : public testing::ScreenFixture {
   }
 
   void expectWalk(const std::string& name) {
-    EXPECT_TRUE(testing::matchesGolden("screens/" + name + ".txt", transcript_));
+    EXPECT_TRUE(testing::matchesGolden("screens/" + name + ".txt", walk_.transcript));
   }
 
-  std::vector<std::pair<std::string, std::string>> observe() const {
-    const auto& pending = PendingConsentStore::shared();
-    const auto& features = SpecialFeatureConsentStore::shared();
+  // What the screens show and hand on.
+  testing::ConsentWalk::Values observe() const {
     std::string shown;
     for (const auto& screen : host_->screens())
       shown +=
@@ -91,31 +78,10 @@ class Screens : public testing::ScreenFixture {
     return {{"screens", shown},
             {"handed", text(actions_)},
             {"completed", text(completions_) + " finished " + std::to_string(finished_)},
-            {"pending purposes", text(pending.purposeConsent())},
-            {"pending vendors", text(pending.vendorConsent())},
-            {"pending li", text(pending.liPurposeConsent())},
-            {"pending masters", text(pending.specialFeatureMaster())},
-            {"pending features", text(pending.specialFeatureConsent())},
-            {"vendor store", text(VendorConsentStore::shared().states())},
-            {"purpose store", text(PurposeConsentStore::shared().states())},
-            {"feature masters", text(features.masterStates())},
-            {"feature vendors", text(features.vendorStates())},
             {"switches", switches},
             {"updates", std::to_string(host_->updates().size())}};
   }
 
-  static std::string text(const ConsentFlags& flags) {
-    std::string out;
-    for (const auto& [id, on] : flags)
-      out += (out.empty() ? "" : " ") + std::to_string(id) + (on ? "+" : "-");
-    return out;
-  }
-  static std::string text(const NestedConsentFlags& nested) {
-    std::string out;
-    for (const auto& [id, flags] : nested)
-      out += std::to_string(id) + "{" + text(flags) + "} ";
-    return out;
-  }
   static std::string text(const std::vector<ConsentAction>& actions) {
     std::string out;
     for (const auto& action : actions) {
@@ -135,10 +101,7 @@ class Screens : public testing::ScreenFixture {
 
   std::shared_ptr<CMPBannerViewController> banner_;
   int finished_ = 0;
-  testing::Announcements announced_;
-  testing::LogCapture log_;
-  std::string transcript_;
-  std::map<std::string, std::string> seen_;
+  testing::ConsentWalk walk_{[this] { return observe(); }};
 };
 
 // Shown on, knob offset, track colour, icon, opacity, spoken value, slide time.
@@ -225,7 +188,7 @@ TEST_F(Screens, AcceptAllTellsTheDelegateAndRejectAllDoesNot) {
     }
     std::string& out;
   };
-  auto delegate = std::make_shared<Delegate>(transcript_);
+  auto delegate = std::make_shared<Delegate>(walk_.transcript);
   const auto present = [&](const std::string& list) {
     auto second = std::make_shared<SecondLayerViewController>(content({}, list));
     second->delegate = delegate;
@@ -347,6 +310,7 @@ TEST_F(Screens, DisclosureIsDownloadedDecodedAndShown) {
       "domains": [{"domain": "*.example", "use": "ads"}]})"});
   server.reply("bad.json", {.body = R"({"disclosures": [{"identifier": 1}]})"});
   server.reply("empty.json", {.body = R"({"disclosures": [], "domains": null})"});
+  testing::LogCapture log;
   std::string all;
   for (const std::string path : {"dsd.json", "empty.json", "bad.json", "missing.json"}) {
     auto screen = std::make_shared<DeviceStorageDisclosureViewController>(
@@ -359,12 +323,12 @@ TEST_F(Screens, DisclosureIsDownloadedDecodedAndShown) {
     while (screen->isLoading() && std::chrono::steady_clock::now() < deadline)
       main_->runFor(5ms);
     all += screen->document() + "\n";
-    for (auto line : log_.lines()) {
+    for (auto line : log.lines()) {
       if (const auto at = line.find(server.cdnBase()); at != std::string::npos)
         line.erase(at, server.cdnBase().size());
       all += "<!-- " + line + " -->\n";
     }
-    log_.clear();
+    log.clear();
     EXPECT_EQ(screen->table() != nullptr, path == "dsd.json");
   }
   EXPECT_TRUE(testing::matchesGolden("screens/disclosures.html", all));
