@@ -282,6 +282,7 @@ TEST_F(Screens, VendorDetailsKeepTheLegitimateInterestMasterInStepWithoutLoops) 
     NotificationCenter::defaultCenter().post(NotificationNames::vendorConsentChanged,
                                              {{"on", true}});
   });
+  tap("quillet://close");
   expectWalk("vendor-details");
 }
 
