@@ -10,6 +10,7 @@
 #include "quillet/storage/StoreValueCodec.h"
 
 #include "support/TempDirectory.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {
@@ -60,54 +61,37 @@ TEST_P(KeyValueStores, KeepsEveryKindOfValueAndRemovesKeys) {
   EXPECT_TRUE(store().synchronize());
 }
 
+// Each typed reader on each kind of value, one line per value in
+// testdata/golden/store-typed-reads.txt: bool, integer, string, bytes, dictionary.
 TEST_P(KeyValueStores, TypedReadersFollowThePlatformConversions) {
-  store().set("true", true);
-  store().set("two", 2);
-  store().set("zero", 0);
-  store().set("fraction", 2.9);
-  store().set("negative fraction", -2.9);
-  store().set("huge", 1e300);
-  store().set("lowest", -9223372036854775808.0);
-  store().set("YES", "yes");
-  store().set("True", "TRUE");
-  store().set("one", "1");
-  store().set("digits", "-42");
-  store().set("words", "12 monkeys");
-  store().set("bytes", Bytes{1});
-  store().set("dictionary", StoreValue::Dictionary{});
-
-  EXPECT_TRUE(store().readBool("true"));
-  EXPECT_TRUE(store().readBool("two"));
-  EXPECT_FALSE(store().readBool("zero"));
-  EXPECT_TRUE(store().readBool("fraction"));
-  EXPECT_TRUE(store().readBool("YES"));
-  EXPECT_TRUE(store().readBool("True"));
-  EXPECT_TRUE(store().readBool("one"));
-  EXPECT_FALSE(store().readBool("digits"));
-  EXPECT_FALSE(store().readBool("bytes"));
-  EXPECT_FALSE(store().readBool("missing"));
-
-  EXPECT_EQ(store().readInteger("two"), 2);
-  EXPECT_EQ(store().readInteger("fraction"), 2);
-  EXPECT_EQ(store().readInteger("negative fraction"), -2);
-  EXPECT_EQ(store().readInteger("huge"), 0);
-  EXPECT_EQ(store().readInteger("lowest"), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(store().readInteger("true"), 1);
-  EXPECT_EQ(store().readInteger("digits"), -42);
-  EXPECT_EQ(store().readInteger("words"), 0);
-  EXPECT_EQ(store().readInteger("dictionary"), 0);
-  EXPECT_EQ(store().readInteger("missing"), 0);
-
-  EXPECT_EQ(store().readString("words"), "12 monkeys");
-  EXPECT_EQ(store().readString("two"), "2");
-  EXPECT_EQ(store().readString("fraction"), "2.9");
-  EXPECT_EQ(store().readString("true"), std::nullopt);
-  EXPECT_EQ(store().readString("bytes"), std::nullopt);
-
-  EXPECT_EQ(store().readBytes("bytes"), Bytes{1});
-  EXPECT_EQ(store().readBytes("one"), std::nullopt);
-  EXPECT_EQ(store().readDictionary("dictionary"), StoreValue::Dictionary{});
-  EXPECT_EQ(store().readDictionary("bytes"), std::nullopt);
+  const std::pair<const char*, StoreValue> values[] = {{"true", true},
+                                                       {"two", 2},
+                                                       {"zero", 0},
+                                                       {"fraction", 2.9},
+                                                       {"negative", -2.9},
+                                                       {"huge", 1e300},
+                                                       {"lowest", -9223372036854775808.0},
+                                                       {"yes", "yes"},
+                                                       {"TRUE", "TRUE"},
+                                                       {"one", "1"},
+                                                       {"digits", "-42"},
+                                                       {"words", "12 monkeys"},
+                                                       {"bytes", Bytes{1}},
+                                                       {"dictionary", StoreValue::Dictionary{}}};
+  std::string all;
+  for (const auto& [key, value] : values)
+    store().set(key, value);
+  for (const auto& key : {"true", "two", "zero", "fraction", "negative", "huge", "lowest", "yes",
+                          "TRUE", "one", "digits", "words", "bytes", "dictionary", "missing"}) {
+    const auto bytes = store().readBytes(key);
+    const auto dictionary = store().readDictionary(key);
+    all += std::string(key) + ": " + (store().readBool(key) ? "true " : "false ") +
+           std::to_string(store().readInteger(key)) + " " +
+           store().readString(key).value_or("(none)") + " " +
+           (bytes ? std::to_string(bytes->size()) + " bytes" : "(none)") + " " +
+           (dictionary ? std::to_string(dictionary->size()) + " entries" : "(none)") + "\n";
+  }
+  EXPECT_TRUE(testing::matchesGolden("store-typed-reads.txt", all));
 }
 
 TEST_P(KeyValueStores, ManyThreadsReadAndWriteAtOnce) {
