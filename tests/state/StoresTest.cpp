@@ -183,6 +183,8 @@ TEST_F(ConsentStores, SpecialFeatureCascades) {
   });
   step("master 2 off", [&] { store.setMaster(2, false); });
   step("master 2 on", [&] { store.setMaster(2, true); });
+  EXPECT_FALSE(store.vendorState(2, 1));
+  EXPECT_FALSE(store.vendorState(2, 99));
   step("master 3 off", [&] { store.setMaster(3, false); });
   step("feature 3 on for 8", [&] { store.setVendor(3, 8, true); });
   step("vendor states replaced twice, the second time with none", [&] {
