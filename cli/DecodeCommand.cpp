@@ -1,14 +1,17 @@
-#include <array>
+#include <algorithm>
+#include <bit>
 #include <cerrno>
+#include <charconv>
+#include <concepts>
 #include <cstdio>
-#include <ctime>
+#include <cstring>
 #include <iostream>
+#include <memory>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
-#include <boost/json/array.hpp>
-#include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
+#include <boost/json/parse.hpp>
 
 #include "quillet/codec/TCString.h"
 
@@ -18,84 +21,230 @@
 namespace quillet::cli {
 namespace {
 
-// Deciseconds since 1970 as ISO 8601 UTC with milliseconds: 2020-01-26T17:01:00.000Z.
-std::string isoTime(std::uint64_t deciseconds) {
-  const auto seconds = static_cast<std::time_t>(deciseconds / 10);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  std::array<char, 40> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-  std::string out(text.data(), length);
-  const auto millis = static_cast<unsigned>(deciseconds % 10) * 100;
-  out += '.';
-  out +=
-      std::to_string(millis / 100) + std::to_string(millis / 10 % 10) + std::to_string(millis % 10);
-  out += 'Z';
-  return out;
-}
-
-boost::json::array idArray(const std::vector<std::int64_t>& ids) {
-  boost::json::array array;
-  array.reserve(ids.size());
-  for (const auto id : ids)
-    array.emplace_back(id);
-  return array;
-}
-
-template <int N>
-boost::json::array idArray(IdMask<N> mask) {
-  return idArray(mask.ids());
-}
-
-void putSection(boost::json::object& out, std::string_view name, const VendorSection& section) {
-  out[name] = idArray(section.ids);
-  out[std::string(name) + "MaxId"] = section.maxVendorId;
-  out[std::string(name) + "IsRange"] = section.isRangeEncoding;
-}
-
-boost::json::object toJson(const TCString& tc) {
-  boost::json::object out;
-  out["version"] = tc.version;
-  out["created"] = isoTime(tc.created);
-  out["lastUpdated"] = isoTime(tc.lastUpdated);
-  out["cmpId"] = tc.cmpId;
-  out["cmpVersion"] = tc.cmpVersion;
-  out["consentScreen"] = tc.consentScreen;
-  out["consentLanguage"] = tc.consentLanguage;
-  out["vendorListVersion"] = tc.vendorListVersion;
-  out["policyVersion"] = tc.policyVersion;
-  out["isServiceSpecific"] = tc.isServiceSpecific;
-  out["useNonStandardTexts"] = tc.useNonStandardTexts;
-  out["specialFeatureOptins"] = idArray(tc.specialFeatureOptins);
-  out["purposeConsents"] = idArray(tc.purposeConsents);
-  out["purposeLegitimateInterests"] = idArray(tc.purposeLegitimateInterests);
-  out["purposeOneTreatment"] = tc.purposeOneTreatment;
-  out["publisherCountryCode"] = tc.publisherCountryCode;
-  putSection(out, "vendorConsents", tc.vendorConsents);
-  putSection(out, "vendorLegitimateInterests", tc.vendorLegitimateInterests);
-  boost::json::array restrictions;
-  for (const auto& restriction : tc.publisherRestrictions) {
-    restrictions.push_back(boost::json::object{{"purposeId", restriction.purposeId},
-                                               {"restrictionType", restriction.restrictionType},
-                                               {"vendors", idArray(restriction.vendors)}});
+// A growable block of bytes that is written into in place: room for n more, then commit.
+class OutputBuffer {
+ public:
+  char* room(std::size_t n) {
+    if (capacity_ - size_ < n) {
+      const std::size_t capacity = std::max(capacity_ * 2, size_ + n + 4096);
+      auto grown = std::make_unique_for_overwrite<char[]>(capacity);
+      std::memcpy(grown.get(), data_.get(), size_);
+      data_ = std::move(grown);
+      capacity_ = capacity;
+    }
+    return data_.get() + size_;
   }
-  out["publisherRestrictions"] = std::move(restrictions);
-  if (tc.vendorsDisclosed) putSection(out, "vendorsDisclosed", *tc.vendorsDisclosed);
-  if (tc.vendorsAllowed) putSection(out, "vendorsAllowed", *tc.vendorsAllowed);
+  void commit(const char* end) { size_ = static_cast<std::size_t>(end - data_.get()); }
+  void append(std::string_view text) {
+    std::memcpy(room(text.size()), text.data(), text.size());
+    size_ += text.size();
+  }
+  void push(char c) { *room(1) = c, ++size_; }
+  std::string_view view() const { return {data_.get(), size_}; }
+  std::size_t size() const { return size_; }
+  void clear() { size_ = 0; }
+
+ private:
+  std::unique_ptr<char[]> data_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+// JSON text in the serializer's own form (no spaces, members in the order written), appended to
+// one buffer that is reused for every string: no document is built per string.
+class JsonWriter {
+ public:
+  explicit JsonWriter(OutputBuffer& out) : out_(out) {}
+
+  void open(char bracket) {
+    separate();
+    out_.push(bracket);
+    first_ = true;
+  }
+  void close(char bracket) {
+    out_.push(bracket);
+    first_ = false;
+  }
+  // `name` is one of ours: nothing in it needs escaping.
+  void key(std::string_view name) {
+    char* at = out_.room(name.size() + 4);
+    if (!first_) *at++ = ',';
+    *at++ = '"';
+    at = std::copy(name.begin(), name.end(), at);
+    *at++ = '"';
+    *at++ = ':';
+    out_.commit(at);
+    first_ = true;
+  }
+  template <class Value>
+  void member(std::string_view name, const Value& value) {
+    key(name);
+    write(value);
+  }
+
+  void write(bool value) {
+    separate();
+    out_.append(value ? "true" : "false");
+  }
+  void write(std::integral auto value) {
+    separate();
+    char* at = out_.room(24);
+    out_.commit(std::to_chars(at, at + 24, value).ptr);
+  }
+  void write(std::string_view text) {
+    separate();
+    quoted(text);
+  }
+  void write(const std::vector<std::int64_t>& ids) {
+    separate();
+    char* at = out_.room(2 + ids.size() * 21);
+    *at++ = '[';
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      if (i != 0) *at++ = ',';
+      at = std::to_chars(at, at + 20, ids[i]).ptr;
+    }
+    *at++ = ']';
+    out_.commit(at);
+  }
+  template <int N>
+  void write(IdMask<N> mask) {
+    separate();
+    char* at = out_.room(2 + 3 * N);
+    *at++ = '[';
+    for (std::uint64_t rest = mask.bits(); rest != 0; rest &= rest - 1) {
+      if (rest != mask.bits()) *at++ = ',';
+      at = std::to_chars(at, at + 2, std::countr_zero(rest) + 1).ptr;
+    }
+    *at++ = ']';
+    out_.commit(at);
+  }
+  // Deciseconds since 1970 as ISO 8601 UTC with milliseconds: "2020-01-26T17:01:00.000Z".
+  void writeTime(std::uint64_t deciseconds) {
+    // Days to a civil date, proleptic Gregorian (H. Hinnant's algorithm).
+    const std::uint64_t seconds = deciseconds / 10;
+    const std::uint64_t days = seconds / 86400 + 719468;
+    const std::uint64_t era = days / 146097;
+    const std::uint64_t dayOfEra = days - era * 146097;
+    const std::uint64_t yearOfEra =
+        (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const std::uint64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const std::uint64_t shiftedMonth = (5 * dayOfYear + 2) / 153;
+    const std::uint64_t month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
+    const std::uint64_t second = seconds % 86400;
+    separate();
+    char* at = out_.room(26);
+    const auto digits = [&at](std::uint64_t value, int count, char after) {
+      for (int i = count - 1; i >= 0; --i, value /= 10)
+        at[i] = static_cast<char>('0' + value % 10);
+      at[count] = after;
+      at += count + 1;
+    };
+    *at++ = '"';
+    digits(yearOfEra + era * 400 + (month <= 2 ? 1 : 0), 4, '-');
+    digits(month, 2, '-');
+    digits(dayOfYear - (153 * shiftedMonth + 2) / 5 + 1, 2, 'T');
+    digits(second / 3600, 2, ':');
+    digits(second / 60 % 60, 2, ':');
+    digits(second % 60, 2, '.');
+    digits(deciseconds % 10 * 100, 3, 'Z');
+    *at++ = '"';
+    out_.commit(at);
+  }
+
+ private:
+  void separate() {
+    if (!first_) out_.push(',');
+    first_ = false;
+  }
+  void quoted(std::string_view text) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    char* at = out_.room(2 + text.size() * 6);
+    *at++ = '"';
+    for (const char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (c == '"' || c == '\\') {
+        *at++ = '\\';
+        *at++ = c;
+      } else if (byte >= 0x20) {
+        *at++ = c;
+      } else if (const char* named = std::strchr("\bb\ff\nn\rr\tt", c); named && c != 0) {
+        *at++ = '\\';
+        *at++ = named[1];
+      } else {
+        at = std::copy_n("\\u00", 4, at);
+        *at++ = kHex[byte >> 4];
+        *at++ = kHex[byte & 15];
+      }
+    }
+    *at++ = '"';
+    out_.commit(at);
+  }
+
+  OutputBuffer& out_;
+  bool first_ = true;
+};
+
+void writeSection(JsonWriter& json, std::string_view name, const VendorSection& section,
+                  std::string& key) {
+  json.member(name, section.ids);
+  key.assign(name).append("MaxId");
+  json.member(key, section.maxVendorId);
+  key.assign(name).append("IsRange");
+  json.member(key, section.isRangeEncoding);
+}
+
+// The string's object on one line, its members in a fixed order.
+void writeJson(const TCString& tc, OutputBuffer& out) {
+  JsonWriter json(out);
+  std::string key;
+  json.open('{');
+  json.member("version", tc.version);
+  json.key("created");
+  json.writeTime(tc.created);
+  json.key("lastUpdated");
+  json.writeTime(tc.lastUpdated);
+  json.member("cmpId", tc.cmpId);
+  json.member("cmpVersion", tc.cmpVersion);
+  json.member("consentScreen", tc.consentScreen);
+  json.member("consentLanguage", std::string_view(tc.consentLanguage));
+  json.member("vendorListVersion", tc.vendorListVersion);
+  json.member("policyVersion", tc.policyVersion);
+  json.member("isServiceSpecific", tc.isServiceSpecific);
+  json.member("useNonStandardTexts", tc.useNonStandardTexts);
+  json.member("specialFeatureOptins", tc.specialFeatureOptins);
+  json.member("purposeConsents", tc.purposeConsents);
+  json.member("purposeLegitimateInterests", tc.purposeLegitimateInterests);
+  json.member("purposeOneTreatment", tc.purposeOneTreatment);
+  json.member("publisherCountryCode", std::string_view(tc.publisherCountryCode));
+  writeSection(json, "vendorConsents", tc.vendorConsents, key);
+  writeSection(json, "vendorLegitimateInterests", tc.vendorLegitimateInterests, key);
+  json.key("publisherRestrictions");
+  json.open('[');
+  for (const auto& restriction : tc.publisherRestrictions) {
+    json.open('{');
+    json.member("purposeId", restriction.purposeId);
+    json.member("restrictionType", restriction.restrictionType);
+    json.member("vendors", restriction.vendors);
+    json.close('}');
+  }
+  json.close(']');
+  if (tc.vendorsDisclosed) writeSection(json, "vendorsDisclosed", *tc.vendorsDisclosed, key);
+  if (tc.vendorsAllowed) writeSection(json, "vendorsAllowed", *tc.vendorsAllowed, key);
   if (tc.publisherTC) {
     const auto& publisher = *tc.publisherTC;
-    out["publisherPurposesConsent"] = idArray(publisher.purposesConsent);
-    out["publisherPurposesLegitimateInterests"] = idArray(publisher.purposesLegitimateInterests);
-    out["numCustomPurposes"] = publisher.numCustomPurposes;
-    out["publisherCustomPurposesConsent"] = idArray(publisher.customPurposesConsent);
-    out["publisherCustomPurposesLegitimateInterests"] =
-        idArray(publisher.customPurposesLegitimateInterests);
+    json.member("publisherPurposesConsent", publisher.purposesConsent);
+    json.member("publisherPurposesLegitimateInterests", publisher.purposesLegitimateInterests);
+    json.member("numCustomPurposes", publisher.numCustomPurposes);
+    json.member("publisherCustomPurposesConsent", publisher.customPurposesConsent);
+    json.member("publisherCustomPurposesLegitimateInterests",
+                publisher.customPurposesLegitimateInterests);
   }
-  boost::json::array warnings;
+  json.key("warnings");
+  json.open('[');
   for (const auto& warning : tc.warnings)
-    warnings.emplace_back(warning);
-  out["warnings"] = std::move(warnings);
-  return out;
+    json.write(std::string_view(warning));
+  json.close(']');
+  json.close('}');
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -105,27 +254,66 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
 }
 
-// Prints the string's object, or a message on `err`; false when it could not be read.
-bool decodeOne(std::string_view text, const DecodeOptions& options, std::ostream& out,
-               std::ostream& err) {
-  const auto quoted = boost::json::serialize(boost::json::value(text));
-  const auto parsed = TCString::parse(text);
-  if (!parsed) {
-    err << "quillet decode: cannot read " << quoted << ": " << parsed.error().message() << '\n';
-    return false;
-  }
-  if (options.strict && !parsed->warnings.empty()) {
-    err << "quillet decode: " << quoted << " is refused under --strict: ";
-    for (std::size_t i = 0; i < parsed->warnings.size(); ++i) {
-      err << (i == 0 ? "" : "; ") << parsed->warnings[i];
+// Decodes strings into one output buffer, written out in large blocks.
+class Decoder {
+ public:
+  Decoder(const DecodeOptions& options, std::ostream& out, std::ostream& err)
+      : options_(options), out_(out), err_(err) {}
+  ~Decoder() { flush(); }
+  Decoder(const Decoder&) = delete;
+  Decoder& operator=(const Decoder&) = delete;
+
+  // Appends the string's object, or writes a message on `err`; false when it could not be read.
+  bool decode(std::string_view text) {
+    const auto parsed = TCString::parse(text);
+    if (!parsed) {
+      refuse() << "cannot read " << quoted(text) << ": " << parsed.error().message() << '\n';
+      return false;
     }
-    err << '\n';
-    return false;
+    if (options_.strict && !parsed->warnings.empty()) {
+      auto& err = refuse() << quoted(text) << " is refused under --strict: ";
+      for (std::size_t i = 0; i < parsed->warnings.size(); ++i)
+        err << (i == 0 ? "" : "; ") << parsed->warnings[i];
+      err << '\n';
+      return false;
+    }
+    if (options_.pretty) {
+      OutputBuffer line;
+      writeJson(*parsed, line);
+      buffer_.append(prettyJson(boost::json::parse(line.view())));
+    } else {
+      writeJson(*parsed, buffer_);
+    }
+    buffer_.push('\n');
+    if (buffer_.size() >= kBlock) flush();
+    return true;
   }
-  const boost::json::value json = toJson(*parsed);
-  out << (options.pretty ? prettyJson(json) : boost::json::serialize(json)) << '\n';
-  return true;
-}
+
+  void flush() {
+    out_.write(buffer_.view().data(), static_cast<std::streamsize>(buffer_.size()));
+    buffer_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kBlock = std::size_t{1} << 18;
+
+  // What was decoded before goes out first, so that both streams keep the input's order.
+  std::ostream& refuse() {
+    flush();
+    out_.flush();
+    return err_ << "quillet decode: ";
+  }
+  static std::string quoted(std::string_view text) {
+    OutputBuffer out;
+    JsonWriter(out).write(text);
+    return std::string(out.view());
+  }
+
+  const DecodeOptions& options_;
+  std::ostream& out_;
+  std::ostream& err_;
+  OutputBuffer buffer_;
+};
 
 }  // namespace
 
@@ -136,25 +324,46 @@ bool failedStandardInput(const std::istream& in) {
 int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
               std::ostream& err) {
   bool allRead = true;
-  if (!options.strings.empty()) {
-    for (const auto& text : options.strings) {
-      allRead = decodeOne(trimmed(text), options, out, err) && allRead;
-    }
-  } else {
-    std::string line;
-    try {
-      while (std::getline(in, line)) {
-        const std::string_view text = trimmed(line);
-        if (text.empty()) continue;
-        allRead = decodeOne(text, options, out, err) && allRead;
+  {
+    Decoder decoder(options, out, err);
+    if (!options.strings.empty()) {
+      for (const auto& text : options.strings)
+        allRead = decoder.decode(trimmed(text)) && allRead;
+    } else {
+      // Large reads, split into lines here; a line cut by the end of a read waits in `rest`.
+      constexpr std::size_t kRead = std::size_t{1} << 16;
+      std::vector<char> chunk(kRead);
+      std::string rest;
+      const auto line = [&](std::string_view text) {
+        if (text = trimmed(text); !text.empty()) allRead = decoder.decode(text) && allRead;
+      };
+      try {
+        for (;;) {
+          const auto got = in.rdbuf()->sgetn(chunk.data(), static_cast<std::streamsize>(kRead));
+          if (got <= 0) break;
+          std::string_view data(chunk.data(), static_cast<std::size_t>(got));
+          for (auto end = data.find('\n'); end != std::string_view::npos; end = data.find('\n')) {
+            if (rest.empty()) {
+              line(data.substr(0, end));
+            } else {
+              rest.append(data.substr(0, end));
+              line(rest);
+              rest.clear();
+            }
+            data.remove_prefix(end + 1);
+          }
+          rest.append(data);
+        }
+      } catch (const std::exception&) {  // the stream library reports read errors this way
+        in.setstate(std::ios::badbit);
       }
-    } catch (const std::exception&) {  // the stream library reports read errors this way
-      in.setstate(std::ios::badbit);
-    }
-    if (in.bad() || failedStandardInput(in)) {
-      err << "quillet decode: cannot read standard input: "
-          << std::generic_category().message(errno) << '\n';
-      allRead = false;
+      line(rest);
+      if (in.bad() || failedStandardInput(in)) {
+        decoder.flush();
+        err << "quillet decode: cannot read standard input: "
+            << std::generic_category().message(errno) << '\n';
+        allRead = false;
+      }
     }
   }
   out.flush();
