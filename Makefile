@@ -50,6 +50,7 @@ bench: build
 	./build/release/bench/screen_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 	cd tests && node ../bench/demo_startup.mjs ../build/release/cli/quillet 10
 	./bench/decode_stream.sh build/release/cli/quillet
+	./bench/startup.sh build/release/cli/quillet
 
 # Every fuzz target for FUZZ_SECONDS (default 60) each; FUZZ_TARGETS names a few.
 FUZZ_SECONDS ?= 60

@@ -59,5 +59,5 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/quillet.pc.in ${PROJECT_BINARY_DIR}/q
 install(FILES ${PROJECT_BINARY_DIR}/quillet.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(TARGET quillet)
-  install(TARGETS quillet RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS quillet quillet-demo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

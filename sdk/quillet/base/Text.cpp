@@ -3,18 +3,60 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include <dlfcn.h>
 #include <unicode/ubrk.h>
 #include <unicode/ustring.h>
 #include <unicode/utypes.h>
+#include <unicode/uvernum.h>
 
 #include "quillet/base/Fatal.h"
+
+// ICU's C functions under their versioned names, as the linker would see them.
+#define QUILLET_ICU_NAME_TEXT(name) #name
+#define QUILLET_ICU_NAME(name) QUILLET_ICU_NAME_TEXT(name)
 
 namespace quillet::Text {
 namespace {
 
 constexpr UChar32 kReplacement = 0xFFFD;
+
+// ICU is loaded on the first text that is not ASCII: most texts are, and a program that only
+// reads and writes TC Strings then starts without mapping it.
+struct Icu {
+  decltype(&u_strFromUTF8WithSub) fromUtf8;
+  decltype(&u_strToUTF8WithSub) toUtf8;
+  decltype(&u_strToUpper) toUpper;
+  decltype(&ubrk_open) open;
+  decltype(&ubrk_close) close;
+  decltype(&ubrk_setText) setText;
+  decltype(&ubrk_first) first;
+  decltype(&ubrk_next) next;
+};
+
+template <class Function>
+Function icuFunction(void* library, const char* name) {
+  void* function = dlsym(library, name);
+  if (function == nullptr) fatalError(std::string("ICU has no ") + name);
+  return reinterpret_cast<Function>(
+      function);  // NOLINT(cppcoreguidelines-pro-type-reinterpret-cast)
+}
+
+const Icu& icu() {
+  static const Icu loaded = [] {
+    void* library = dlopen("libicuuc.so." U_ICU_VERSION_SHORT, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) fatalError(std::string("cannot load ICU: ") + dlerror());
+#define QUILLET_ICU(name) icuFunction<decltype(&name)>(library, QUILLET_ICU_NAME(name))
+    return Icu{QUILLET_ICU(u_strFromUTF8WithSub), QUILLET_ICU(u_strToUTF8WithSub),
+               QUILLET_ICU(u_strToUpper),         QUILLET_ICU(ubrk_open),
+               QUILLET_ICU(ubrk_close),           QUILLET_ICU(ubrk_setText),
+               QUILLET_ICU(ubrk_first),           QUILLET_ICU(ubrk_next)};
+#undef QUILLET_ICU
+  }();
+  return loaded;
+}
 
 bool isAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
@@ -25,8 +67,8 @@ std::u16string toUtf16(std::string_view utf8) {
   std::u16string out(utf8.size(), u'\0');  // UTF-16 never needs more units than UTF-8 has bytes
   int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strFromUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, utf8.data(),
-                       static_cast<int32_t>(utf8.size()), kReplacement, nullptr, &status);
+  icu().fromUtf8(out.data(), static_cast<int32_t>(out.size()), &length, utf8.data(),
+                 static_cast<int32_t>(utf8.size()), kReplacement, nullptr, &status);
   if (U_FAILURE(status)) fatalError("UTF-8 to UTF-16 conversion failed");
   out.resize(static_cast<std::size_t>(length));
   return out;
@@ -36,22 +78,22 @@ std::string toUtf8(std::u16string_view utf16) {
   std::string out(utf16.size() * 3, '\0');  // one UTF-16 unit needs at most three UTF-8 bytes
   int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strToUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, utf16.data(),
-                     static_cast<int32_t>(utf16.size()), kReplacement, nullptr, &status);
+  icu().toUtf8(out.data(), static_cast<int32_t>(out.size()), &length, utf16.data(),
+               static_cast<int32_t>(utf16.size()), kReplacement, nullptr, &status);
   if (U_FAILURE(status)) fatalError("UTF-16 to UTF-8 conversion failed");
   out.resize(static_cast<std::size_t>(length));
   return out;
 }
 
 struct BreakIteratorCloser {
-  void operator()(UBreakIterator* iterator) const noexcept { ubrk_close(iterator); }
+  void operator()(UBreakIterator* iterator) const noexcept { icu().close(iterator); }
 };
 
 // Opening a character break iterator loads rules and costs microseconds, so each thread keeps one.
 UBreakIterator& characterBreaks() {
   thread_local std::unique_ptr<UBreakIterator, BreakIteratorCloser> iterator = [] {
     UErrorCode status = U_ZERO_ERROR;
-    UBreakIterator* opened = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
+    UBreakIterator* opened = icu().open(UBRK_CHARACTER, "", nullptr, 0, &status);
     if (U_FAILURE(status)) fatalError("ICU character break iterator unavailable");
     return std::unique_ptr<UBreakIterator, BreakIteratorCloser>(opened);
   }();
@@ -70,18 +112,18 @@ std::string prefixCharacters(std::string_view utf8, std::size_t count) {
   const std::u16string text = toUtf16(utf8);
   UBreakIterator& breaks = characterBreaks();
   UErrorCode status = U_ZERO_ERROR;
-  ubrk_setText(&breaks, reinterpret_cast<const UChar*>(text.data()),
-               static_cast<int32_t>(text.size()), &status);
+  icu().setText(&breaks, reinterpret_cast<const UChar*>(text.data()),
+                static_cast<int32_t>(text.size()), &status);
   if (U_FAILURE(status)) fatalError("ICU break iterator rejected its text");
-  int32_t end = ubrk_first(&breaks);
+  int32_t end = icu().first(&breaks);
   for (std::size_t taken = 0; taken < count; ++taken) {
-    const int32_t next = ubrk_next(&breaks);
+    const int32_t next = icu().next(&breaks);
     if (next == UBRK_DONE) break;
     end = next;
   }
   // Detach the iterator from the local text before that text goes away.
   static constexpr UChar kEmpty[1] = {0};
-  ubrk_setText(&breaks, kEmpty, 0, &status);
+  icu().setText(&breaks, kEmpty, 0, &status);
   return toUtf8(std::u16string_view(text).substr(0, static_cast<std::size_t>(end)));
 }
 
@@ -96,7 +138,7 @@ std::string uppercased(std::string_view utf8) {
   const std::u16string text = toUtf16(utf8);
   std::u16string upper(text.size() * 3 + 4, u'\0');  // full mappings grow a unit to at most three
   UErrorCode status = U_ZERO_ERROR;
-  const int32_t length = u_strToUpper(
+  const int32_t length = icu().toUpper(
       reinterpret_cast<UChar*>(upper.data()), static_cast<int32_t>(upper.size()),
       reinterpret_cast<const UChar*>(text.data()), static_cast<int32_t>(text.size()), "", &status);
   if (U_FAILURE(status)) fatalError("ICU upper-case mapping failed");
