@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <charconv>
@@ -101,7 +102,9 @@ class JsonWriter {
     *at++ = '[';
     for (std::size_t i = 0; i < ids.size(); ++i) {
       if (i != 0) *at++ = ',';
-      at = std::to_chars(at, at + 20, ids[i]).ptr;
+      // Vendor ids have 16 bits: the short form covers them.
+      at = ids[i] >= 0 && ids[i] < 100000 ? shortNumber(at, static_cast<std::uint32_t>(ids[i]))
+                                          : std::to_chars(at, at + 20, ids[i]).ptr;
     }
     *at++ = ']';
     out_.commit(at);
@@ -120,6 +123,12 @@ class JsonWriter {
   }
   // Deciseconds since 1970 as ISO 8601 UTC with milliseconds: "2020-01-26T17:01:00.000Z".
   void writeTime(std::uint64_t deciseconds) {
+    // Created and last updated are mostly the same time: the last one written is kept.
+    if (deciseconds == lastTime_ && lastTimeText_[0] == '"') {
+      separate();
+      out_.append(std::string_view(lastTimeText_.data(), lastTimeText_.size()));
+      return;
+    }
     // Days to a civil date, proleptic Gregorian (H. Hinnant's algorithm).
     const std::uint64_t seconds = deciseconds / 10;
     const std::uint64_t days = seconds / 86400 + 719468;
@@ -148,6 +157,8 @@ class JsonWriter {
     digits(second % 60, 2, '.');
     digits(deciseconds % 10 * 100, 3, 'Z');
     *at++ = '"';
+    std::memcpy(lastTimeText_.data(), at - lastTimeText_.size(), lastTimeText_.size());
+    lastTime_ = deciseconds;
     out_.commit(at);
   }
 
@@ -180,8 +191,32 @@ class JsonWriter {
     out_.commit(at);
   }
 
+  // A number below 100000 in decimal, two digits at a time.
+  static char* shortNumber(char* at, std::uint32_t value) {
+    static constexpr auto kPairs = [] {
+      std::array<char, 200> pairs{};
+      for (int i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+      }
+      return pairs;
+    }();
+    const int length = value < 10 ? 1 : value < 100 ? 2 : value < 1000 ? 3 : value < 10000 ? 4 : 5;
+    char* end = at + length;
+    char* digit = end;
+    while (value >= 10) {
+      digit -= 2;
+      std::memcpy(digit, &kPairs[2 * (value % 100)], 2);
+      value /= 100;
+    }
+    if (digit != at) *at = static_cast<char>('0' + value);
+    return end;
+  }
+
   OutputBuffer& out_;
   bool first_ = true;
+  std::uint64_t lastTime_ = 0;
+  std::array<char, 26> lastTimeText_{};  ///< "YYYY-MM-DDTHH:MM:SS.mmmZ" with its quotes
 };
 
 void writeSection(JsonWriter& json, std::string_view name, const VendorSection& section,
