@@ -29,7 +29,7 @@ class OutputBuffer {
     if (capacity_ - size_ < n) {
       const std::size_t capacity = std::max(capacity_ * 2, size_ + n + 4096);
       auto grown = std::make_unique_for_overwrite<char[]>(capacity);
-      std::memcpy(grown.get(), data_.get(), size_);
+      if (size_ != 0) std::memcpy(grown.get(), data_.get(), size_);
       data_ = std::move(grown);
       capacity_ = capacity;
     }
