@@ -56,4 +56,10 @@ struct DemoOptions {
 /// configuration CDN and consent API on loopback; prints what each decision stores and posts.
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err);
 
+/// `quillet demo` once its options are read. The demo, with the network, the store and the web
+/// host, is a program of its own, so that reading and writing strings loads none of them:
+/// `quillet` replaces its process with `quillet-demo` next to it, handing on `argv`, and
+/// `quillet-demo` runs the demo.
+int startDemo(const DemoOptions& options, char** argv);
+
 }  // namespace quillet::cli

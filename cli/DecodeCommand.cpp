@@ -26,7 +26,7 @@ namespace {
 class OutputBuffer {
  public:
   char* room(std::size_t n) {
-    if (capacity_ - size_ < n) {
+    if (capacity_ - size_ < n || !data_) {
       const std::size_t capacity = std::max(capacity_ * 2, size_ + n + 4096);
       auto grown = std::make_unique_for_overwrite<char[]>(capacity);
       if (size_ != 0) std::memcpy(grown.get(), data_.get(), size_);
@@ -40,7 +40,10 @@ class OutputBuffer {
     std::memcpy(room(text.size()), text.data(), text.size());
     size_ += text.size();
   }
-  void push(char c) { *room(1) = c, ++size_; }
+  void push(char c) {
+    *room(1) = c;
+    ++size_;
+  }
   std::string_view view() const { return {data_.get(), size_}; }
   std::size_t size() const { return size_; }
   void clear() { size_ = 0; }
@@ -195,7 +198,7 @@ class JsonWriter {
   static char* shortNumber(char* at, std::uint32_t value) {
     static constexpr auto kPairs = [] {
       std::array<char, 200> pairs{};
-      for (int i = 0; i < 100; ++i) {
+      for (std::size_t i = 0; i < 100; ++i) {
         pairs[2 * i] = static_cast<char>('0' + i / 10);
         pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
       }
@@ -206,7 +209,7 @@ class JsonWriter {
     char* digit = end;
     while (value >= 10) {
       digit -= 2;
-      std::memcpy(digit, &kPairs[2 * (value % 100)], 2);
+      std::memcpy(digit, &kPairs[std::size_t{2} * (value % 100)], 2);
       value /= 100;
     }
     if (digit != at) *at = static_cast<char>('0' + value);

@@ -407,4 +407,8 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   return 0;
 }
 
+int startDemo(const DemoOptions& options, char** /*argv*/) {
+  return runDemo(options, std::cout, std::cerr);
+}
+
 }  // namespace quillet::cli

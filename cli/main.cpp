@@ -1,15 +1,11 @@
 // The quillet command: reads and writes TC Strings, and shows the consent screens.
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <string_view>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "quillet/base/Version.h"
 
@@ -29,29 +25,9 @@ std::string demoDataFolder() {
   return (folder / QUILLET_DEMO_DATA_FROM_BIN).lexically_normal().string();
 }
 
-#ifdef QUILLET_DEMO_PROGRAM
-// Replaces this process with the demo program next to it, handing on every argument.
-int runDemoProgram(char** argv) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::path self = fs::read_symlink("/proc/self/exe", error);
-  const std::string program =
-      ((error ? fs::path(".") : self.parent_path()) / QUILLET_DEMO_PROGRAM).string();
-  argv[0] = const_cast<char*>(program.c_str());  // NOLINT(cppcoreguidelines-pro-type-const-cast)
-  execv(program.c_str(), argv);
-  std::cerr << "quillet: cannot run " << program << ": " << std::strerror(errno) << '\n';
-  return 1;
-}
-#endif
-
 }  // namespace
 
 int main(int argc, char** argv) {
-#ifdef QUILLET_DEMO_PROGRAM
-  // The demo, with the network, the store and the web host, is a program of its own, so that
-  // reading and writing strings loads none of them.
-  if (argc > 1 && std::string_view(argv[1]) == "demo") return runDemoProgram(argv);
-#endif
   CLI::App app{"quillet: read and write IAB TCF v2 TC Strings", "quillet"};
   app.set_version_flag("--version", std::string("quillet ") + quillet::kVersion);
   app.require_subcommand(1);
@@ -118,9 +94,7 @@ int main(int argc, char** argv) {
     return status == 0 ? 0 : kUsageError;
   }
 
-#ifndef QUILLET_DEMO_PROGRAM
-  if (demo->parsed()) return quillet::cli::runDemo(demoOptions, std::cout, std::cerr);
-#endif
+  if (demo->parsed()) return quillet::cli::startDemo(demoOptions, argv);
   if (decode->parsed()) {
     // A larger pipe takes the output in fewer, larger writes (nothing happens when standard
     // output is not a pipe, or the system refuses).

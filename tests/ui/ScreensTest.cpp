@@ -1,6 +1,5 @@
 // What every button, switch and observer of the consent screens writes, announces and hands on.
 
-#include <regex>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -70,10 +69,14 @@ class Screens : public testing::ScreenFixture {
           (shown.empty() ? "" : " > ") + screen->title() + (screen->isHidden() ? " (hidden)" : "");
     std::string switches;
     if (const auto top = host_->topScreen()) {
-      static const std::regex kSwitch(R"re(id="([^"]+)"[^>]*?aria-checked="(true|false)")re");
+      // Each switch as its id, then + when on: the id is the last one before its aria-checked.
       const auto document = top->document();
-      for (std::sregex_iterator it(document.begin(), document.end(), kSwitch), end; it != end; ++it)
-        switches += " " + (*it)[1].str() + ((*it)[2] == "true" ? "+" : "-");
+      for (auto at = document.find("aria-checked=\""); at != std::string::npos;
+           at = document.find("aria-checked=\"", at + 1)) {
+        const auto id = document.rfind(" id=\"", at) + 5;
+        switches += " " + document.substr(id, document.find('"', id) - id) +
+                    (document.compare(at + 14, 4, "true") == 0 ? "+" : "-");
+      }
     }
     return {{"screens", shown},
             {"handed", text(actions_)},

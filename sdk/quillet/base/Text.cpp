@@ -47,8 +47,10 @@ Function icuFunction(void* library, const char* name) {
 const Icu& icu() {
   static const Icu loaded = [] {
     void* library = dlopen("libicuuc.so." U_ICU_VERSION_SHORT, RTLD_NOW | RTLD_LOCAL);
+    // Runs once, under the static's initialisation guard.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (library == nullptr) fatalError(std::string("cannot load ICU: ") + dlerror());
-#define QUILLET_ICU(name) icuFunction<decltype(&name)>(library, QUILLET_ICU_NAME(name))
+#define QUILLET_ICU(name) icuFunction<decltype(&(name))>(library, QUILLET_ICU_NAME(name))
     return Icu{QUILLET_ICU(u_strFromUTF8WithSub), QUILLET_ICU(u_strToUTF8WithSub),
                QUILLET_ICU(u_strToUpper),         QUILLET_ICU(ubrk_open),
                QUILLET_ICU(ubrk_close),           QUILLET_ICU(ubrk_setText),
