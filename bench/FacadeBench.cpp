@@ -23,6 +23,7 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 #include "quillet/ui/ScreenHost.h"
+#include "quillet/webhost/StartAccepting.h"
 
 #include "BenchData.h"
 
@@ -80,9 +81,7 @@ class Setup {
       r.set_content("{}", "application/json");
     });
     const int port = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running())
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    thread_ = startAccepting(server_);
     std::string pattern =
         (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");

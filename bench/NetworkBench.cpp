@@ -22,6 +22,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
+#include "quillet/webhost/StartAccepting.h"
 
 #include "BenchData.h"
 
@@ -47,9 +48,7 @@ class Server {
     });
     server_.set_tcp_nodelay(true);
     port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running())
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    thread_ = startAccepting(server_);
   }
   ~Server() {
     server_.stop();

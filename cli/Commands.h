@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <istream>
 #include <optional>
 #include <ostream>
@@ -55,6 +56,9 @@ struct DemoOptions {
 /// Serves the consent screens in a browser until SIGINT or SIGTERM, with an embedded
 /// configuration CDN and consent API on loopback; prints what each decision stores and posts.
 int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err);
+
+/// The folder of the running program.
+std::filesystem::path programFolder();
 
 /// `quillet demo` once its options are read. The demo, with the network, the store and the web
 /// host, is a program of its own, so that reading and writing strings loads none of them:

@@ -28,6 +28,7 @@
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
+#include "quillet/webhost/StartAccepting.h"
 #include "quillet/webhost/WebScreenHost.h"
 
 #include "Commands.h"
@@ -261,15 +262,11 @@ class DemoServer {
       }
       r.set_content("{}", "application/json");
     });
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    // A stop() before the accept loop has started is lost, and the destructor's join would wait
-    // for ever (as it did when the web host's port was taken right after this started).
-    while (!server_.is_running())
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    thread_ = startAccepting(server_);
   }
   ~DemoServer() {
     server_.stop();
-    if (thread_.joinable()) thread_.join();
+    thread_.join();
   }
   std::string cdnBase() const { return "http://127.0.0.1:" + std::to_string(port_) + "/cdn/"; }
   std::string apiBase() const { return "http://127.0.0.1:" + std::to_string(port_) + "/api"; }

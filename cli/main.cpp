@@ -11,6 +11,12 @@
 
 #include "Commands.h"
 
+std::filesystem::path quillet::cli::programFolder() {
+  std::error_code error;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? std::filesystem::path(".") : self.parent_path();
+}
+
 namespace {
 
 constexpr int kUsageError = 2;
@@ -18,11 +24,7 @@ constexpr int kUsageError = 2;
 // The demo's bundled files are at a fixed place relative to this program, in the build tree as
 // once installed.
 std::string demoDataFolder() {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::path self = fs::read_symlink("/proc/self/exe", error);
-  const fs::path folder = error ? fs::path(".") : self.parent_path();
-  return (folder / QUILLET_DEMO_DATA_FROM_BIN).lexically_normal().string();
+  return (quillet::cli::programFolder() / QUILLET_DEMO_DATA_FROM_BIN).lexically_normal().string();
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "quillet/webhost/StartAccepting.h"
+
 namespace quillet::testing {
 namespace {
 
@@ -99,9 +101,7 @@ TestServer::TestServer() {
   server_.Post(R"(/api/(.+))", post);
   port_ = server_.bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("the test server could not bind");
-  thread_ = std::thread([this] { server_.listen_after_bind(); });
-  while (!server_.is_running())
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  thread_ = startAccepting(server_);
 }
 
 TestServer::~TestServer() {

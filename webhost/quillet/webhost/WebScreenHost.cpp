@@ -11,6 +11,7 @@
 
 #include "quillet/base/MainQueue.h"
 #include "quillet/webhost/HostPage.h"
+#include "quillet/webhost/StartAccepting.h"
 
 namespace quillet {
 namespace {
@@ -73,11 +74,7 @@ std::shared_ptr<WebScreenHost> WebScreenHost::start(std::shared_ptr<MainQueue> m
   host->port_ = port == 0 ? host->server_->bind_to_any_port(address)
                           : (host->server_->bind_to_port(address, port) ? port : -1);
   if (host->port_ <= 0) return nullptr;
-  host->thread_ = std::thread([server = host->server_.get()] { server->listen_after_bind(); });
-  // The server's stop() is lost when it comes before the accept loop has started, and the join
-  // in stop() would then wait for ever: a host is only handed out once it is accepting.
-  while (!host->server_->is_running())
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  host->thread_ = startAccepting(*host->server_);
   return host;
 }
 
