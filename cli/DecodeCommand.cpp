@@ -99,16 +99,17 @@ class JsonWriter {
     separate();
     quoted(text);
   }
-  void write(const std::vector<std::int64_t>& ids) {
+  void write(const VendorIdSet& ids) {
     separate();
-    char* at = out_.room(2 + ids.size() * 21);
-    *at++ = '[';
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-      if (i != 0) *at++ = ',';
-      // Vendor ids have 16 bits: the short form covers them.
-      at = ids[i] >= 0 && ids[i] < 100000 ? shortNumber(at, static_cast<std::uint32_t>(ids[i]))
-                                          : std::to_chars(at, at + 20, ids[i]).ptr;
-    }
+    // Vendor ids have at most five digits, and the short form covers them.
+    char* const start = out_.room(2 + static_cast<std::size_t>(ids.count()) * 6);
+    char* at = start;
+    ids.forEach([&at](std::int64_t id) {
+      *at++ = ',';
+      at = shortNumber(at, static_cast<std::uint32_t>(id));
+    });
+    if (at == start) ++at;  // no ids: the bracket takes the first id's comma's place
+    *start = '[';
     *at++ = ']';
     out_.commit(at);
   }
@@ -224,7 +225,7 @@ class JsonWriter {
 
 void writeSection(JsonWriter& json, std::string_view name, const VendorSection& section,
                   std::string& key) {
-  json.member(name, section.ids);
+  json.member(name, section.vendors);
   key.assign(name).append("MaxId");
   json.member(key, section.maxVendorId);
   key.assign(name).append("IsRange");

@@ -81,8 +81,8 @@ std::string summary(std::string_view tcString) {
   return "decoded: purposes " + Text::printedList(tc.purposeConsents.ids()) +
          ", legitimate interests " + Text::printedList(tc.purposeLegitimateInterests.ids()) +
          ", special features " + Text::printedList(tc.specialFeatureOptins.ids()) + ", vendors " +
-         Text::printedList(tc.vendorConsents.ids) + ", vendor legitimate interests " +
-         Text::printedList(tc.vendorLegitimateInterests.ids);
+         Text::printedList(tc.vendorConsents.ids()) + ", vendor legitimate interests " +
+         Text::printedList(tc.vendorLegitimateInterests.ids());
 }
 
 // The bundled disclosure documents, one per vendor in turn, so that the disclosure screen works

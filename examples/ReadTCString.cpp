@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
                 tc.cmpVersion, tc.vendorListVersion, tc.consentLanguage.c_str(),
                 tc.publisherCountryCode.c_str());
     std::printf("  purposes consented: %s\n", listed(tc.purposeConsents.ids()).c_str());
-    std::printf("  vendors consented: %s\n", listed(tc.vendorConsents.ids).c_str());
+    std::printf("  vendors consented: %s\n", listed(tc.vendorConsents.ids()).c_str());
     std::printf(
         "  every purpose 1 to 10 given: %s\n",
         quillet::QLTCMPUtils::allPurposesGiven(

@@ -9,7 +9,7 @@
 namespace {
 
 void checkSection(const quillet::VendorSection& section) {
-  const auto& ids = section.ids;
+  const auto ids = section.ids();
   if (!std::is_sorted(ids.begin(), ids.end()) ||
       std::adjacent_find(ids.begin(), ids.end()) != ids.end())
     quillet::fuzz::fail("vendor ids not ascending and unique");

@@ -1,5 +1,6 @@
 #include <array>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -36,7 +37,7 @@ std::string runs(const std::vector<std::int64_t>& ids) {
 
 std::string section(const VendorSection& s) {
   return "max " + std::to_string(s.maxVendorId) + (s.isRangeEncoding ? " ranges " : " bits ") +
-         runs(s.ids);
+         runs(s.ids());
 }
 
 // Every field the reader gives, one line per part.
@@ -54,8 +55,8 @@ std::string dump(const Result<TCString, TCStringError>& result) {
       << section(tc.vendorConsents) << "\n  vendor li " << section(tc.vendorLegitimateInterests)
       << "\n";
   for (const auto& r : tc.publisherRestrictions)
-    out << "  restriction " << r.purposeId << "/" << r.restrictionType << " " << runs(r.vendors)
-        << "\n";
+    out << "  restriction " << r.purposeId << "/" << r.restrictionType << " "
+        << runs(r.vendors.ids()) << "\n";
   if (tc.vendorsDisclosed) out << "  disclosed " << section(*tc.vendorsDisclosed) << "\n";
   if (tc.vendorsAllowed) out << "  allowed " << section(*tc.vendorsAllowed) << "\n";
   if (const auto& p = tc.publisherTC) {
@@ -126,10 +127,27 @@ TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
     EXPECT_EQ(error.segment + "/" + error.field + "@" + std::to_string(error.bitOffset), where);
     EXPECT_THAT(error.reason, HasSubstr(reason));
   }
+  // Every byte but the separator, early in the text (where blocks of characters are decoded
+  // together) and in its last characters: only base64url characters read, and the error names
+  // the first other one.
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  for (int byte = 0; byte < 256; ++byte) {
+    if (byte == '.') continue;  // it ends the segment
+    for (const std::size_t at : {std::size_t{20}, core.size() - 2}) {
+      std::string text = core;
+      text[at] = static_cast<char>(byte);
+      const bool valid = alphabet.find(static_cast<char>(byte)) != std::string::npos;
+      const auto result = TCString::parse(text);
+      ASSERT_EQ(result.ok() || result.error().field != "text", valid) << byte << " at " << at;
+      if (!valid) {
+        ASSERT_EQ(result.error().bitOffset, static_cast<std::int64_t>(at) * 6);
+      }
+    }
+  }
   const auto tc = TCString::parse(core + "." + segment(2, 5) + "==." + segment(1, 5));
   ASSERT_TRUE(tc);
-  EXPECT_THAT(tc->vendorsAllowed->ids, ElementsAre(1, 5));
-  EXPECT_THAT(tc->vendorsDisclosed->ids, ElementsAre(1, 5));
+  EXPECT_THAT(tc->vendorsAllowed->ids(), ElementsAre(1, 5));
+  EXPECT_THAT(tc->vendorsDisclosed->ids(), ElementsAre(1, 5));
   // A language letter past Z reads as "?", with a warning.
   BitWriter language;
   language.write(2, 6);
@@ -159,7 +177,7 @@ TEST(TCString, RangesInAnyOrderOrOverlappingGiveAscendingIdsOnce) {
   }
   const auto tc = TCString::parse(encodedCore() + "." + base64URLEncodedString(writer.data()));
   ASSERT_TRUE(tc);
-  EXPECT_EQ(runs(tc->vendorsDisclosed->ids), "4,30-33,60-130");
+  EXPECT_EQ(runs(tc->vendorsDisclosed->ids()), "4,30-33,60-130");
   EXPECT_TRUE(tc->vendorsDisclosed->isRangeEncoding);
   EXPECT_TRUE(tc->vendorsDisclosed->contains(33));
   EXPECT_FALSE(tc->vendorsDisclosed->contains(34));
@@ -181,7 +199,7 @@ TEST(TCString, RangesInAnyOrderOrOverlappingGiveAscendingIdsOnce) {
   const auto restricted = TCString::parse(base64URLEncodedString(core.data()));
   ASSERT_TRUE(restricted);
   ASSERT_EQ(restricted->publisherRestrictions.size(), 1U);
-  EXPECT_EQ(restricted->publisherRestrictions[0].vendors.size(), 65000U);
+  EXPECT_EQ(restricted->publisherRestrictions[0].vendors.count(), 65000);
 }
 
 TEST(TCString, WarnsAboutLegitimateInterestForPurposesThreeToSixFromPolicyVersionFour) {
@@ -243,13 +261,14 @@ TEST(TCString, ReadsEveryFieldTheEncoderWrites) {
     EXPECT_EQ(tc->purposeConsents.ids(), input.purposeConsents);
     EXPECT_EQ(tc->purposeLegitimateInterests.ids(), input.purposeLegitimateInterests);
     EXPECT_EQ(tc->specialFeatureOptins.ids(), input.specialFeatureOptins);
-    EXPECT_EQ(tc->vendorConsents, (VendorSection{maxId, false, input.vendorConsents}));
+    EXPECT_EQ(tc->vendorConsents,
+              (VendorSection{maxId, false, VendorIdSet::of(input.vendorConsents)}));
     EXPECT_EQ(tc->vendorLegitimateInterests,
-              (VendorSection{maxId, false, input.vendorLegitimateInterests}));
+              (VendorSection{maxId, false, VendorIdSet::of(input.vendorLegitimateInterests)}));
     EXPECT_THAT(tc->publisherRestrictions, IsEmpty());
     // The encoder's vendor segment carries type 2, so it reads as allowed vendors.
     EXPECT_FALSE(tc->vendorsDisclosed.has_value());
-    EXPECT_EQ(tc->vendorsAllowed->ids, disclosed);
+    EXPECT_EQ(tc->vendorsAllowed->ids(), disclosed);
   }
 }
 
@@ -281,6 +300,46 @@ TEST(IdMask, KeepsIdsOneToN) {
   EXPECT_FALSE(mask.contains(0));
   EXPECT_EQ(mask.count(), 3);
   EXPECT_THAT(IdMask<64>(~std::uint64_t{0}).ids().back(), 64);
+}
+
+// Ranges added in random order, spread wide or kept close, against a plain set of ids: the
+// window of words grows both ways, moves from inline to allocated, and copies and moves keep it.
+TEST(VendorIdSet, AgreesWithAPlainSetOfIds) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 300; ++round) {
+    const std::int64_t spread = round % 3 == 0 ? 200 : round % 3 == 1 ? 2000 : 65535;
+    const std::int64_t base = static_cast<std::int64_t>(random() % 65535) + 1;
+    std::set<std::int64_t> expected;
+    VendorIdSet set;
+    for (int range = 0, ranges = static_cast<int>(random() % 8); range < ranges; ++range) {
+      const std::int64_t first = base + static_cast<std::int64_t>(random() % spread) - spread / 2;
+      const std::int64_t last = first + static_cast<std::int64_t>(random() % 100) - 10;
+      set.insert(first, last);
+      for (std::int64_t id = std::max<std::int64_t>(first, 1);
+           id <= std::min(last, VendorIdSet::kMaxId); ++id)
+        expected.insert(id);
+    }
+    SCOPED_TRACE("round " + std::to_string(round));
+    const std::vector<std::int64_t> ids(expected.begin(), expected.end());
+    ASSERT_EQ(set.ids(), ids);
+    EXPECT_EQ(set.count(), static_cast<std::int64_t>(ids.size()));
+    EXPECT_EQ(set.last(), ids.empty() ? 0 : ids.back());
+    EXPECT_EQ(set.empty(), ids.empty());
+    for (const std::int64_t probe : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{65536},
+                                     base - 1, base, base + 64, base + 700}) {
+      EXPECT_EQ(set.contains(probe), expected.count(probe) == 1) << probe;
+    }
+    const VendorIdSet built = VendorIdSet::of(ids);
+    EXPECT_EQ(built, set);
+    VendorIdSet copy = set;
+    VendorIdSet moved = std::move(copy);
+    EXPECT_EQ(moved, set);
+    EXPECT_TRUE(copy.empty());  // NOLINT(bugprone-use-after-move): a moved-from set is empty
+    if (!ids.empty() && ids.back() < VendorIdSet::kMaxId) {
+      moved.insert(ids.back() + 1, ids.back() + 1);
+      EXPECT_NE(moved, set);
+    }
+  }
 }
 
 }  // namespace

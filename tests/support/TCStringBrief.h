@@ -31,10 +31,10 @@ inline std::string brief(std::string_view text) {
   list(tc->purposeConsents.ids());
   list(tc->purposeLegitimateInterests.ids());
   list(tc->specialFeatureOptins.ids());
-  list(tc->vendorConsents.ids);
+  list(tc->vendorConsents.ids());
   out << " " << tc->vendorConsents.maxVendorId;
-  list(tc->vendorLegitimateInterests.ids);
-  if (tc->vendorsAllowed) list(tc->vendorsAllowed->ids);
+  list(tc->vendorLegitimateInterests.ids());
+  if (tc->vendorsAllowed) list(tc->vendorsAllowed->ids());
   return out.str();
 }
 

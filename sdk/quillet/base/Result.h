@@ -23,8 +23,12 @@ Failure(E) -> Failure<E>;
 template <class T, class E = std::string>
 class Result {
  public:
-  Result(T value)
-      : state_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit on purpose
+  Result(const T& value) : state_(std::in_place_index<0>, value) {}  // NOLINT: implicit on purpose
+  Result(T&& value) : state_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit
+  /// A value built in place from `args`.
+  template <class... Args>
+  explicit Result(std::in_place_t, Args&&... args)
+      : state_(std::in_place_index<0>, std::forward<Args>(args)...) {}
   template <class F>
   Result(Failure<F> failure)
       : state_(std::in_place_index<1>, E(std::move(failure.error))) {}  // NOLINT
@@ -33,6 +37,10 @@ class Result {
   explicit operator bool() const noexcept { return ok(); }
 
   const T& value() const& {
+    if (!ok()) fatalError("Result::value() read on a failed result");
+    return std::get<0>(state_);
+  }
+  T& value() & {
     if (!ok()) fatalError("Result::value() read on a failed result");
     return std::get<0>(state_);
   }

@@ -4,8 +4,11 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <memory>
 #include <span>
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(QUILLET_PORTABLE_DECODE)
+#include <immintrin.h>
+#endif
 
 #include "quillet/codec/Base64Alphabet.h"
 
@@ -29,6 +32,145 @@ constexpr std::array<std::uint8_t, 256> kUrlValues = [] {
   return values;
 }();
 
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(QUILLET_PORTABLE_DECODE)
+#define QUILLET_SSSE3_DECODE 1
+
+// Sixteen characters into twelve bytes with SSSE3, in `bytes` followed by four zeros. Only the
+// characters where `keep` has 0xFF count; the others must be zero bytes. False when a character
+// counted is not base64url.
+[[gnu::target("ssse3")]] inline bool decodeBlock(__m128i c, __m128i keep, __m128i& bytes) {
+  // A character is valid when the classes of its low nibble and of its high nibble share no bit:
+  // the high nibbles 2 to 7 have a bit each, every other high nibble has 0x40, which every low
+  // nibble has too; a low nibble carries the bits of the high nibbles it is invalid with.
+  const __m128i lowClasses = _mm_setr_epi8(0x55, 0x41, 0x41, 0x41, 0x41, 0x41, 0x41, 0x41, 0x41,
+                                           0x41, 0x43, 0x6B, 0x6B, 0x6A, 0x6B, 0x63);
+  const __m128i highClasses = _mm_setr_epi8(0x40, 0x40, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40,
+                                            0x40, 0x40, 0x40, 0x40, 0x40, 0x40, 0x40);
+  // Value minus character by high nibble: "-", digits, A-O, P-Z, a-o, p-z; "_" (high nibble 5)
+  // is looked up at 13. A zero byte stays zero.
+  const __m128i shifts = _mm_setr_epi8(0, 0, 62 - '-', 52 - '0', -'A', -'A', 26 - 'a', 26 - 'a', 0,
+                                       0, 0, 0, 0, 63 - '_', 0, 0);
+  const __m128i nibble = _mm_set1_epi8(0x0F);
+  const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), nibble);
+  const __m128i low = _mm_and_si128(c, nibble);
+  const __m128i clash = _mm_and_si128(
+      keep, _mm_and_si128(_mm_shuffle_epi8(lowClasses, low), _mm_shuffle_epi8(highClasses, high)));
+  if (_mm_movemask_epi8(_mm_cmpeq_epi8(clash, _mm_setzero_si128())) != 0xFFFF) return false;
+  const __m128i slot = _mm_xor_si128(
+      high, _mm_and_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('_')), _mm_set1_epi8(0x08)));
+  const __m128i values = _mm_add_epi8(c, _mm_shuffle_epi8(shifts, slot));
+  // Four 6-bit values a b c d become the 24 bits a << 18 | b << 12 | c << 6 | d, then bytes in
+  // string order.
+  const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi32(0x01400140));
+  const __m128i quads = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
+  const __m128i order = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+  bytes = _mm_shuffle_epi8(quads, order);
+  return true;
+}
+
+const bool kHasSsse3 = __builtin_cpu_supports("ssse3");
+#endif
+
+// Zero bytes written after the decoded bits, so that the loads of 8 bytes of a read or a copy
+// that starts at any bit in range stay inside the buffer and read zeros past the text.
+constexpr std::size_t kSlack = 24;
+
+// Bytes the decoders may write for `size` characters: three per four, three for the closing
+// group, a whole block of 16 for the vector decoder, then the slack.
+constexpr std::size_t decodedCapacity(std::size_t size) {
+  return size / 4 * 3 + 3 + 16 + kSlack;
+}
+
+// The characters decoded into `out`, then zeroed slack. False when one of them is not
+// base64url.
+bool decodeScalar(const unsigned char* chars, std::size_t size, std::uint8_t* out) {
+  std::uint64_t invalid = 0;
+  std::size_t i = 0;
+  // Eight characters make six bytes: gather 48 bits and store them with one 8-byte write (the
+  // two extra bytes are overwritten by the next group or by the closing group).
+  for (; i + 8 <= size; i += 8, out += 6) {
+    std::uint64_t group = 0;
+    for (std::size_t k = 0; k < 8; ++k) {
+      const std::uint64_t value = kUrlValues[chars[i + k]];
+      invalid |= value;
+      group = (group << 6) | value;
+    }
+    group <<= 16;
+    if constexpr (std::endian::native == std::endian::little) group = __builtin_bswap64(group);
+    std::memcpy(out, &group, sizeof group);
+  }
+  // The last zero to seven characters, as a group of eight padded with zero bits.
+  std::uint64_t group = 0;
+  for (std::size_t k = 0; k < 8; ++k) {
+    const std::uint64_t value = i + k < size ? kUrlValues[chars[i + k]] : 0;
+    invalid |= value;
+    group = (group << 6) | (value & 63U);
+  }
+  group <<= 16;
+  if constexpr (std::endian::native == std::endian::little) group = __builtin_bswap64(group);
+  std::memcpy(out, &group, sizeof group);
+  std::fill(out + 6, out + 6 + kSlack, 0);
+  return (invalid & 0xC0U) == 0;  // an invalid value has bit 7
+}
+
+#ifdef QUILLET_SSSE3_DECODE
+// As decodeScalar, sixteen characters at a time; also puts the first 256 bits in `head` (see
+// SegmentBits::head), built from registers so that reading them does not wait for the stores.
+[[gnu::target("ssse3")]] bool decodeVector(const unsigned char* chars, std::size_t size,
+                                           std::uint8_t* out, std::array<std::uint64_t, 4>& head) {
+  // The first three blocks' bytes, from which `head` is cut.
+  __m128i first[3] = {_mm_setzero_si128(), _mm_setzero_si128(), _mm_setzero_si128()};
+  std::size_t block = 0;
+  const auto put = [&](__m128i bytes) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+    out += 12;
+    if (block < 3) first[block] = bytes;
+    ++block;
+  };
+  const __m128i all = _mm_set1_epi8(-1);
+  std::size_t done = 0;
+  for (; done + 16 <= size; done += 16) {
+    __m128i bytes;
+    if (!decodeBlock(_mm_loadu_si128(reinterpret_cast<const __m128i*>(chars + done)), all, bytes))
+      return false;
+    put(bytes);
+  }
+  // The last 0 to 15 characters, moved to the front of a block whose other bytes are zero.
+  const std::size_t rest = size - done;
+  static constexpr std::array<std::uint8_t, 32> kMoves = {
+      0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,
+      11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+      0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
+  static constexpr std::array<std::uint8_t, 32> kKeep = {
+      0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+      0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0,    0,    0,    0,    0,    0,
+      0,    0,    0,    0,    0,    0,    0,    0,    0,    0};
+  const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep.data() + 16 - rest));
+  __m128i last;
+  if (size >= 16) {
+    // The block that ends with the text, its last `rest` characters moved down.
+    const __m128i end = _mm_loadu_si128(reinterpret_cast<const __m128i*>(chars + size - 16));
+    last = _mm_shuffle_epi8(
+        end, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kMoves.data() + 16 - rest)));
+  } else {
+    alignas(16) unsigned char copy[16] = {};
+    std::memcpy(copy, chars, rest);
+    last = _mm_load_si128(reinterpret_cast<const __m128i*>(copy));
+  }
+  __m128i bytes;
+  if (!decodeBlock(last, keep, bytes)) return false;
+  put(bytes);
+  std::memset(out, 0, kSlack);
+  // Bytes 0 to 15 and 16 to 31 of the output, then each eight as a big-endian number.
+  const __m128i low = _mm_or_si128(first[0], _mm_slli_si128(first[1], 12));
+  const __m128i high = _mm_or_si128(_mm_srli_si128(first[1], 4), _mm_slli_si128(first[2], 8));
+  const __m128i swap = _mm_setr_epi8(7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(head.data()), _mm_shuffle_epi8(low, swap));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(head.data() + 2), _mm_shuffle_epi8(high, swap));
+  return true;
+}
+#endif
+
 // The bits of one segment, decoded from base64url into a big-endian byte buffer, read with a
 // sticky failure: after the first failed read every read yields 0 and the parser only has to
 // look at `failed()` before it trusts what it read. Strings up to 1.5 KB of text are held on the
@@ -47,10 +189,7 @@ class SegmentBits {
     }
     text.remove_suffix(padding);
     bitCount_ = static_cast<std::int64_t>(text.size()) * 6;
-    // Three bytes per four characters, three more for the closing group (always written, even
-    // when no characters are left for it), plus zeroed slack so that loads of 8 bytes past any
-    // bit in range stay inside the buffer.
-    const std::size_t size = text.size() / 4 * 3 + 3 + kSlack;
+    const std::size_t size = decodedCapacity(text.size());
     if (size <= local_.size()) {
       bytes_ = local_.data();
     } else {
@@ -58,42 +197,16 @@ class SegmentBits {
       bytes_ = heap_.data();
     }
     const auto* chars = reinterpret_cast<const unsigned char*>(text.data());
-    std::uint8_t* out = bytes_;
-    std::uint64_t invalid = 0;
-    std::size_t i = 0;
-    // Eight characters make six bytes: gather 48 bits and store them with one 8-byte write
-    // (the two extra bytes are overwritten by the next group or lie in the slack).
-    for (; i + 8 <= text.size(); i += 8, out += 6) {
-      std::uint64_t group = 0;
-      for (std::size_t k = 0; k < 8; ++k) {
-        const std::uint64_t value = kUrlValues[chars[i + k]];
-        invalid |= value;
-        group = (group << 6) | value;
-      }
-      group <<= 16;
-      if constexpr (std::endian::native == std::endian::little) group = __builtin_bswap64(group);
-      std::memcpy(out, &group, sizeof group);
+#ifdef QUILLET_SSSE3_DECODE
+    if (kHasSsse3) return decodeVector(chars, text.size(), bytes_, head_) || failOnCharacter(text);
+#endif
+    if (!decodeScalar(chars, text.size(), bytes_)) return failOnCharacter(text);
+    head_ = {};  // what is decoded, and its zeroed slack
+    std::memcpy(head_.data(), bytes_, std::min(sizeof head_, text.size() * 3 / 4 + kSlack));
+    if constexpr (std::endian::native == std::endian::little) {
+      for (auto& word : head_)
+        word = __builtin_bswap64(word);
     }
-    for (; i + 4 <= text.size(); i += 4, out += 3) {
-      const std::uint32_t a = kUrlValues[chars[i]], b = kUrlValues[chars[i + 1]],
-                          c = kUrlValues[chars[i + 2]], d = kUrlValues[chars[i + 3]];
-      invalid |= a | b | c | d;
-      const std::uint32_t group = (a << 18) | (b << 12) | (c << 6) | d;
-      out[0] = static_cast<std::uint8_t>(group >> 16);
-      out[1] = static_cast<std::uint8_t>(group >> 8);
-      out[2] = static_cast<std::uint8_t>(group);
-    }
-    std::uint32_t group = 0;
-    for (std::size_t k = 0; k < 4; ++k) {
-      const std::uint32_t value = i + k < text.size() ? kUrlValues[chars[i + k]] : 0;
-      invalid |= value;
-      group = (group << 6) | (value & 63U);
-    }
-    out[0] = static_cast<std::uint8_t>(group >> 16);
-    out[1] = static_cast<std::uint8_t>(group >> 8);
-    out[2] = static_cast<std::uint8_t>(group);
-    std::fill(out + 3, out + 3 + kSlack, 0);
-    if ((invalid & 0xC0U) != 0) return failOnCharacter(text);  // an invalid value has bit 7
     return true;
   }
 
@@ -109,25 +222,48 @@ class SegmentBits {
   }
 
   // Moves to `position`, which the caller has checked is inside the text.
-  void seek(std::int64_t position) { position_ = position; }
+  void seek(std::int64_t position) {
+    position_ = position;
+  }
 
   // The next `width` bits (0 to 64) as a number; 0 on failure.
   std::uint64_t read(int width, const char* section, const char* field) {
     const std::int64_t start = take(width, section, field);
     return start < 0 ? 0 : peek(start, width);
   }
-  bool readBit(const char* section, const char* field) { return read(1, section, field) != 0; }
+  bool readBit(const char* section, const char* field) {
+    return read(1, section, field) != 0;
+  }
 
   // `width` bits (0 to 64) at `at`, right-aligned. `at` must be inside the text.
   std::uint64_t peek(std::int64_t at, int width) const {
     if (width == 0) return 0;
     const std::uint8_t* p = bytes_ + (at >> 3);
     const int offset = static_cast<int>(at & 7);
-    std::uint64_t high = 0;
-    std::memcpy(&high, p, sizeof high);
-    if constexpr (std::endian::native == std::endian::little) high = __builtin_bswap64(high);
+    std::uint64_t high = bigEndianAt(p);
     if (offset != 0) high = (high << offset) | (p[8] >> (8 - offset));
     return high >> (64 - width);
+  }
+
+  // The `length` bits at `at` (inside the text) into ceil(length / 64) numbers, most significant
+  // bit first, the last one padded with zero bits.
+  void copy(std::int64_t at, std::int64_t length, std::uint64_t* out) const {
+    const std::uint8_t* p = bytes_ + (at >> 3);
+    const int offset = static_cast<int>(at & 7);
+    std::uint64_t current = bigEndianAt(p);
+    for (std::int64_t done = 0; done < length; done += 64) {
+      p += 8;
+      const std::uint64_t next = bigEndianAt(p);
+      std::uint64_t word = (current << offset) | ((next >> 1) >> (63 - offset));
+      if (length - done < 64) word &= ~std::uint64_t{0} << (64 - (length - done));
+      *out++ = word;
+      current = next;
+    }
+  }
+
+  // The first 256 bits as four numbers, most significant bit first; bits past the text are 0.
+  const std::array<std::uint64_t, 4>& head() const noexcept {
+    return head_;
   }
 
   bool fail(const char* section, const char* field, std::int64_t at, std::string reason) {
@@ -139,14 +275,20 @@ class SegmentBits {
     return false;
   }
 
-  bool failed() const noexcept { return failed_; }
-  const ReadFailure& failure() const noexcept { return failure_; }
-  std::int64_t position() const noexcept { return position_; }
-  std::int64_t remainingBits() const noexcept { return failed_ ? 0 : bitCount_ - position_; }
+  bool failed() const noexcept {
+    return failed_;
+  }
+  const ReadFailure& failure() const noexcept {
+    return failure_;
+  }
+  std::int64_t position() const noexcept {
+    return position_;
+  }
+  std::int64_t remainingBits() const noexcept {
+    return failed_ ? 0 : bitCount_ - position_;
+  }
 
  private:
-  static constexpr std::size_t kSlack = 16;
-
   [[gnu::cold]] [[gnu::noinline]] std::int64_t failTruncated(std::int64_t width,
                                                              const char* section,
                                                              const char* field) {
@@ -175,87 +317,109 @@ class SegmentBits {
     return std::string("byte 0x") + kHex[byte >> 4] + kHex[byte & 15U];
   }
 
+  static std::uint64_t bigEndianAt(const std::uint8_t* p) {
+    std::uint64_t value = 0;
+    std::memcpy(&value, p, sizeof value);
+    if constexpr (std::endian::native == std::endian::little) value = __builtin_bswap64(value);
+    return value;
+  }
+
   std::array<std::uint8_t, 1536> local_;  // not initialised: load() writes what is read
   std::vector<std::uint8_t> heap_;
   std::uint8_t* bytes_ = nullptr;
+  std::array<std::uint64_t, 4> head_;  // written by load()
   std::int64_t bitCount_ = 0;
   std::int64_t position_ = 0;
   bool failed_ = false;
   ReadFailure failure_;
 };
 
+// Each byte value with its bits in reverse order.
+constexpr std::array<std::uint8_t, 256> kReversedBytes = [] {
+  std::array<std::uint8_t, 256> reversed{};
+  for (int value = 0; value < 256; ++value) {
+    for (int bit = 0; bit < 8; ++bit) {
+      if ((value >> bit) & 1) reversed[value] |= static_cast<std::uint8_t>(0x80 >> bit);
+    }
+  }
+  return reversed;
+}();
+
 // The low `width` bits of `value` in reverse order: the string's first bit becomes bit 0.
-std::uint64_t reverseLow(std::uint64_t value, int width) {
-  if (width == 0) return 0;
-  value = ((value >> 1) & 0x5555555555555555ULL) | ((value & 0x5555555555555555ULL) << 1);
-  value = ((value >> 2) & 0x3333333333333333ULL) | ((value & 0x3333333333333333ULL) << 2);
-  value = ((value >> 4) & 0x0F0F0F0F0F0F0F0FULL) | ((value & 0x0F0F0F0F0F0F0F0FULL) << 4);
-  value = ((value >> 8) & 0x00FF00FF00FF00FFULL) | ((value & 0x00FF00FF00FF00FFULL) << 8);
-  value = ((value >> 16) & 0x0000FFFF0000FFFFULL) | ((value & 0x0000FFFF0000FFFFULL) << 16);
-  value = (value >> 32) | (value << 32);
-  return value >> (64 - width);
+inline std::uint64_t reverseLow(std::uint64_t value, int width) {
+  const int bytes = (width + 7) / 8;
+  std::uint64_t reversed = 0;
+  for (int byte = 0; byte < bytes; ++byte)
+    reversed = (reversed << 8) | kReversedBytes[(value >> (8 * byte)) & 0xFF];
+  return reversed >> (bytes * 8 - width);
 }
 
-// Ids of the set bits among `length` bits from `start`; bit k stands for id k + 1. Reads 64 bits
-// at a time, reversed so that the first bit is the lowest, and walks the set bits.
-void appendSetBits(const SegmentBits& bits, std::int64_t start, std::int64_t length,
-                   std::vector<std::int64_t>& ids) {
-  std::size_t total = 0;
-  for (std::int64_t done = 0; done < length; done += 64) {
-    const int width = static_cast<int>(std::min<std::int64_t>(64, length - done));
-    total += static_cast<std::size_t>(std::popcount(bits.peek(start + done, width)));
-  }
-  if (total == 0) return;
-  const std::size_t first = ids.size();
-  ids.resize(first + total);
-  std::int64_t* out = ids.data() + first;
-  for (std::int64_t done = 0; done < length; done += 64) {
-    const int width = static_cast<int>(std::min<std::int64_t>(64, length - done));
-    for (std::uint64_t rest = reverseLow(bits.peek(start + done, width), width); rest != 0;
-         rest &= rest - 1) {
-      *out++ = done + std::countr_zero(rest) + 1;
-    }
-  }
-}
+}  // namespace
 
-constexpr std::size_t kVendorIdCount = 65536;  // vendor ids are 16-bit fields
+namespace detail {
 
-// The ids of a range section whose overlapping entries would repeat more ids than there are: a
-// bit per possible vendor id, so repeated ranges cost neither memory nor sorting.
-class VendorBitmap {
- public:
-  explicit VendorBitmap(const std::vector<std::int64_t>& ids) {
-    for (const std::int64_t id : ids)
-      add(id, id);
-  }
-  void add(std::int64_t first, std::int64_t last) {
-    const auto firstWord = static_cast<std::size_t>(first >> 6);
-    const auto lastWord = static_cast<std::size_t>(last >> 6);
-    const std::uint64_t firstMask = ~std::uint64_t{0} << (first & 63);
-    const std::uint64_t lastMask = ~std::uint64_t{0} >> (63 - (last & 63));
-    if (firstWord == lastWord) {
-      words_[firstWord] |= firstMask & lastMask;
-      return;
+// The reader fills a set's words directly.
+struct VendorIdSetAccess {
+  // Empties `set` and gives it `count` words, from id 1 on, for the caller to write whole.
+  static std::uint64_t* reset(VendorIdSet& set, std::uint32_t count) {
+    set.clear();
+    if (count <= VendorIdSet::kInlineWords) {
+      set.firstWord_ = 0;
+      set.wordCount_ = count;
+    } else {
+      set.cover(0, count - 1);
     }
-    words_[firstWord] |= firstMask;
-    for (std::size_t w = firstWord + 1; w < lastWord; ++w)
-      words_[w] = ~std::uint64_t{0};
-    words_[lastWord] |= lastMask;
+    return set.words();
   }
-  // The ids, ascending.
-  std::vector<std::int64_t> ids() const {
-    std::vector<std::int64_t> out;
-    for (std::size_t w = 0; w < words_.size(); ++w) {
-      for (std::uint64_t rest = words_[w]; rest != 0; rest &= rest - 1) {
-        out.push_back(static_cast<std::int64_t>(w * 64) + std::countr_zero(rest));
+  // Adds ranges of ids to a set, holding those within one word in a register until a range
+  // falls elsewhere: ranges mostly come in order, and most lie within a word.
+  class Adder {
+   public:
+    explicit Adder(VendorIdSet& set) : set_(set) {}
+    Adder(const Adder&) = delete;
+    Adder& operator=(const Adder&) = delete;
+    ~Adder() { flush(); }
+
+    // Ids `first`...`last` (1 <= first <= last <= 65535).
+    void add(std::int64_t first, std::int64_t last) {
+      const auto from = static_cast<std::uint64_t>(first - 1);
+      const auto to = static_cast<std::uint64_t>(last - 1);
+      const auto word = static_cast<std::uint32_t>(from / 64);
+      if (word == to / 64) {
+        if (word != word_) {
+          flush();
+          word_ = word;
+        }
+        bits_ |= (kAll >> (from % 64)) & (kAll << (63 - to % 64));
+      } else {
+        set_.add(from, to);
       }
     }
-    return out;
-  }
 
- private:
-  std::array<std::uint64_t, kVendorIdCount / 64> words_{};
+   private:
+    static constexpr std::uint64_t kAll = ~std::uint64_t{0};
+    void flush() {
+      if (bits_ != 0) set_.addWord(word_, bits_);
+      bits_ = 0;
+    }
+
+    VendorIdSet& set_;
+    std::uint32_t word_ = 0;
+    std::uint64_t bits_ = 0;  // ids of word_ not yet in the set
+  };
 };
+
+}  // namespace detail
+
+namespace {
+
+// The `length` bits from `start` as a set: bit k stands for id k + 1. A set keeps the string's
+// bit order, so the bits are copied 64 at a time as they are.
+void copyBitField(const SegmentBits& bits, std::int64_t start, std::int64_t length,
+                  VendorIdSet& set) {
+  bits.copy(start, length,
+            detail::VendorIdSetAccess::reset(set, static_cast<std::uint32_t>((length + 63) / 64)));
+}
 
 [[gnu::cold]] void failOnRange(SegmentBits& bits, const char* section, std::int64_t first,
                                std::int64_t last, bool isRange, std::int64_t startAt,
@@ -275,16 +439,13 @@ class VendorBitmap {
 // NumEntries, then each entry: IsARange, StartOrOnlyVendorId, and EndVendorId for a range. An
 // id of 0, a start above its end, or an id above `maxId` (when given) fails.
 void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std::int64_t> maxId,
-                      std::vector<std::int64_t>& ids) {
+                      VendorIdSet& set) {
   const auto entries = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
-  ids.reserve(ids.size() + static_cast<std::size_t>(entries));  // at least one id per entry
-  bool sorted = true;  // entries so far are in order without overlap
-  std::int64_t previousLast = 0;
-  std::unique_ptr<VendorBitmap> bitmap;
-  // The position lives in a local while entries are read: stores of ids could otherwise alias it
-  // and serialise the loop through memory.
+  // The position lives in a local while entries are read: stores into the set could otherwise
+  // alias it and serialise the loop through memory.
   std::int64_t position = bits.position();
   const std::int64_t end = position + bits.remainingBits();
+  detail::VendorIdSetAccess::Adder adder(set);
   for (std::int64_t entry = 0; entry < entries; ++entry) {
     const std::int64_t startAt = position + 1;
     const std::int64_t endAt = startAt + 16;
@@ -292,15 +453,13 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
     std::int64_t last = 0;
     bool isRange = false;
     if (end - position >= 33) {
-      const std::uint64_t head = bits.peek(position, 17);
-      isRange = (head >> 16) != 0;
-      first = static_cast<std::int64_t>(head & 0xFFFFU);
-      last = first;
-      position += 17;
-      if (isRange) {
-        last = static_cast<std::int64_t>(bits.peek(position, 16));
-        position += 16;
-      }
+      // The longest entry fits: read it whole and pick its parts without a branch, as single ids
+      // and ranges come in no order a branch could predict.
+      const std::uint64_t entryBits = bits.peek(position, 33);
+      isRange = (entryBits >> 32) != 0;
+      first = static_cast<std::int64_t>((entryBits >> 16) & 0xFFFFU);
+      last = isRange ? static_cast<std::int64_t>(entryBits & 0xFFFFU) : first;
+      position += isRange ? 33 : 17;
     } else {
       // Near the end, field by field, so that a truncation names the field it cuts.
       bits.seek(position);
@@ -314,67 +473,48 @@ void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std:
       failOnRange(bits, section, first, last, isRange, startAt, endAt, maxId);
       return;
     }
-    sorted = sorted && first > previousLast;
-    previousLast = last;
-    // Out-of-order entries are sorted at the end, unless they pile up more ids than there are
-    // vendor ids: then the bitmap takes over.
-    if (!bitmap && !sorted &&
-        ids.size() + static_cast<std::size_t>(last - first) >= kVendorIdCount) {
-      bitmap = std::make_unique<VendorBitmap>(ids);
-    }
-    if (bitmap) {
-      bitmap->add(first, last);
-      continue;
-    }
-    ids.push_back(first);
-    for (std::int64_t id = first + 1; id <= last; ++id)
-      ids.push_back(id);
+    adder.add(first, last);
   }
   bits.seek(position);
-  if (bitmap) {
-    ids = bitmap->ids();
-  } else if (!sorted) {
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  }
 }
 
 // MaxVendorId, IsRangeEncoding, then a bit field or range entries.
-VendorSection readVendorSection(SegmentBits& bits, const char* section) {
-  VendorSection result;
+void readVendorSection(SegmentBits& bits, const char* section, VendorSection& result) {
   result.maxVendorId = static_cast<std::int64_t>(bits.read(16, section, "MaxVendorId"));
   result.isRangeEncoding = bits.readBit(section, "IsRangeEncoding");
-  if (bits.failed()) return result;
+  if (bits.failed()) return;
   if (result.isRangeEncoding) {
-    readRangeEntries(bits, section, result.maxVendorId, result.ids);
+    readRangeEntries(bits, section, result.maxVendorId, result.vendors);
   } else {
     const std::int64_t start = bits.take(result.maxVendorId, section, "BitField");
-    if (start >= 0) appendSetBits(bits, start, result.maxVendorId, result.ids);
+    if (start >= 0) copyBitField(bits, start, result.maxVendorId, result.vendors);
   }
-  return result;
 }
 
-std::string readCode(SegmentBits& bits, const char* field, std::vector<std::string>& warnings) {
-  std::string code;
-  for (int letter = 0; letter < 2; ++letter) {
-    const auto value = bits.read(6, nullptr, field);
-    if (value <= 25) {
-      code.push_back(static_cast<char>('A' + value));
-    } else {
-      code.push_back('?');
-      if (!bits.failed()) {
-        warnings.push_back(std::string(field) + " letter value " + std::to_string(value) +
-                           " is not a letter A to Z");
-      }
-    }
-  }
-  return code;
+[[gnu::cold]] void warnOnLetter(const char* field, std::uint64_t value,
+                                std::vector<std::string>& warnings) {
+  warnings.push_back(std::string(field) + " letter value " + std::to_string(value) +
+                     " is not a letter A to Z");
 }
 
-// Under policy version 4 and later, purposes 3 to 6 may not rest on legitimate interest.
-void checkLegitimateInterestPolicy(int policyVersion, IdMask<24> purposes, std::string_view where,
-                                   std::vector<std::string>& warnings) {
-  if (policyVersion < 4) return;
+// Two letters, at bit `Offset`, read with `read` into `code`; "?" for a value above Z.
+template <int Offset, class Read>
+[[gnu::always_inline]] inline void readCode(Read& read, const SegmentBits& bits, const char* field,
+                                            std::string& code, std::vector<std::string>& warnings) {
+  const std::uint64_t values[2] = {read.template field<Offset, 6>(field),
+                                   read.template field<Offset + 6, 6>(field)};
+  code.resize(2);
+  for (int i = 0; i < 2; ++i) {
+    code[i] = static_cast<char>(values[i] <= 25 ? 'A' + values[i] : '?');
+    if (values[i] > 25 && !bits.failed()) [[unlikely]]
+      warnOnLetter(field, values[i], warnings);
+  }
+}
+
+[[gnu::cold]] [[gnu::noinline]] void warnOnLegitimateInterest(int policyVersion,
+                                                              IdMask<24> purposes,
+                                                              std::string_view where,
+                                                              std::vector<std::string>& warnings) {
   for (int purpose = 3; purpose <= 6; ++purpose) {
     if (purposes.contains(purpose)) {
       warnings.push_back(std::string(where) + ": purpose " + std::to_string(purpose) +
@@ -384,6 +524,15 @@ void checkLegitimateInterestPolicy(int policyVersion, IdMask<24> purposes, std::
   }
 }
 
+// Under policy version 4 and later, purposes 3 to 6 may not rest on legitimate interest.
+inline void checkLegitimateInterestPolicy(int policyVersion, IdMask<24> purposes,
+                                          std::string_view where,
+                                          std::vector<std::string>& warnings) {
+  constexpr std::uint64_t kPurposes3To6 = 0b111100;
+  if (policyVersion >= 4 && (purposes.bits() & kPurposes3To6) != 0) [[unlikely]]
+    warnOnLegitimateInterest(policyVersion, purposes, where, warnings);
+}
+
 TCStringError errorFrom(std::string segment, const ReadFailure& failure) {
   std::string field;
   if (failure.section != nullptr) field.append(failure.section).append(".");
@@ -391,42 +540,81 @@ TCStringError errorFrom(std::string segment, const ReadFailure& failure) {
   return TCStringError{std::move(segment), std::move(field), failure.bitOffset, failure.reason};
 }
 
-void readCore(SegmentBits& bits, TCString& tc) {
-  tc.version = static_cast<int>(bits.read(6, nullptr, "Version"));
+// The fields before the vendor consents, each read with `read.field<offset, width>(name)`.
+template <class Read>
+[[gnu::always_inline]] inline void readCoreFields(SegmentBits& bits, TCString& tc, Read& read) {
+  tc.version = static_cast<int>(read.template field<0, 6>("Version"));
   if (!bits.failed() && tc.version != 2) {
     bits.fail(nullptr, "Version", 0,
               "version " + std::to_string(tc.version) + " is not a TCF v2 string");
     return;
   }
-  tc.created = bits.read(36, nullptr, "Created");
-  tc.lastUpdated = bits.read(36, nullptr, "LastUpdated");
-  tc.cmpId = static_cast<int>(bits.read(12, nullptr, "CmpId"));
-  tc.cmpVersion = static_cast<int>(bits.read(12, nullptr, "CmpVersion"));
-  tc.consentScreen = static_cast<int>(bits.read(6, nullptr, "ConsentScreen"));
-  tc.consentLanguage = readCode(bits, "ConsentLanguage", tc.warnings);
-  tc.vendorListVersion = static_cast<int>(bits.read(12, nullptr, "VendorListVersion"));
-  tc.policyVersion = static_cast<int>(bits.read(6, nullptr, "TcfPolicyVersion"));
-  tc.isServiceSpecific = bits.readBit(nullptr, "IsServiceSpecific");
-  tc.useNonStandardTexts = bits.readBit(nullptr, "UseNonStandardTexts");
+  tc.created = read.template field<6, 36>("Created");
+  tc.lastUpdated = read.template field<42, 36>("LastUpdated");
+  tc.cmpId = static_cast<int>(read.template field<78, 12>("CmpId"));
+  tc.cmpVersion = static_cast<int>(read.template field<90, 12>("CmpVersion"));
+  tc.consentScreen = static_cast<int>(read.template field<102, 6>("ConsentScreen"));
+  readCode<108>(read, bits, "ConsentLanguage", tc.consentLanguage, tc.warnings);
+  tc.vendorListVersion = static_cast<int>(read.template field<120, 12>("VendorListVersion"));
+  tc.policyVersion = static_cast<int>(read.template field<132, 6>("TcfPolicyVersion"));
+  tc.isServiceSpecific = read.template field<138, 1>("IsServiceSpecific") != 0;
+  tc.useNonStandardTexts = read.template field<139, 1>("UseNonStandardTexts") != 0;
   // Masks hold id k at bit k - 1, the reverse of the string's order.
   tc.specialFeatureOptins =
-      IdMask<12>(reverseLow(bits.read(12, nullptr, "SpecialFeatureOptIns"), 12));
-  tc.purposeConsents = IdMask<24>(reverseLow(bits.read(24, nullptr, "PurposesConsent"), 24));
+      IdMask<12>(reverseLow(read.template field<140, 12>("SpecialFeatureOptIns"), 12));
+  tc.purposeConsents = IdMask<24>(reverseLow(read.template field<152, 24>("PurposesConsent"), 24));
   tc.purposeLegitimateInterests =
-      IdMask<24>(reverseLow(bits.read(24, nullptr, "PurposesLITransparency"), 24));
-  tc.purposeOneTreatment = bits.readBit(nullptr, "PurposeOneTreatment");
-  tc.publisherCountryCode = readCode(bits, "PublisherCC", tc.warnings);
-  tc.vendorConsents = readVendorSection(bits, "VendorConsents");
-  tc.vendorLegitimateInterests = readVendorSection(bits, "VendorLegitimateInterests");
+      IdMask<24>(reverseLow(read.template field<176, 24>("PurposesLITransparency"), 24));
+  tc.purposeOneTreatment = read.template field<200, 1>("PurposeOneTreatment") != 0;
+  readCode<201>(read, bits, "PublisherCC", tc.publisherCountryCode, tc.warnings);
+}
+
+// The bits of every field before the vendor consents.
+constexpr int kCoreFieldBits = 213;
+
+// Reads the fields one after the other, each checked; the offsets are where they would be.
+struct CheckedFields {
+  SegmentBits& bits;
+  template <int, int Width>
+  std::uint64_t field(const char* name) {
+    return bits.read(Width, nullptr, name);
+  }
+};
+
+// Cuts every field from the segment's first 256 bits, when all of them are there.
+struct HeadFields {
+  const std::array<std::uint64_t, 4>& words;
+  template <int Offset, int Width>
+  std::uint64_t field(const char*) const {
+    static_assert(Offset + Width <= kCoreFieldBits);
+    constexpr int kWord = Offset / 64;
+    constexpr int kShift = Offset % 64;
+    std::uint64_t value = words[kWord] << kShift;
+    if constexpr (kShift + Width > 64) value |= words[kWord + 1] >> (64 - kShift);
+    return value >> (64 - Width);
+  }
+};
+
+void readCore(SegmentBits& bits, TCString& tc) {
+  if (bits.remainingBits() >= kCoreFieldBits) {
+    bits.take(kCoreFieldBits, nullptr, "");
+    HeadFields fields{bits.head()};
+    readCoreFields(bits, tc, fields);
+  } else {
+    CheckedFields fields{bits};
+    readCoreFields(bits, tc, fields);
+  }
+  if (bits.failed()) return;
+  readVendorSection(bits, "VendorConsents", tc.vendorConsents);
+  readVendorSection(bits, "VendorLegitimateInterests", tc.vendorLegitimateInterests);
   const auto restrictions = static_cast<int>(bits.read(12, nullptr, "NumPubRestrictions"));
   tc.publisherRestrictions.reserve(static_cast<std::size_t>(restrictions));
   for (int r = 0; r < restrictions && !bits.failed(); ++r) {
-    PublisherRestriction restriction;
+    PublisherRestriction& restriction = tc.publisherRestrictions.emplace_back();
     restriction.purposeId = static_cast<int>(bits.read(6, "PubRestrictions", "PurposeId"));
     restriction.restrictionType =
         static_cast<int>(bits.read(2, "PubRestrictions", "RestrictionType"));
     readRangeEntries(bits, "PubRestrictions", std::nullopt, restriction.vendors);
-    tc.publisherRestrictions.push_back(std::move(restriction));
   }
   if (!bits.failed()) {
     checkLegitimateInterestPolicy(tc.policyVersion, tc.purposeLegitimateInterests, "core",
@@ -456,9 +644,7 @@ PublisherTCSegment readPublisherTC(SegmentBits& bits, int policyVersion,
 
 }  // namespace
 
-bool VendorSection::contains(std::int64_t id) const noexcept {
-  return std::binary_search(ids.begin(), ids.end(), id);
-}
+TCString::TCString() noexcept = default;
 
 std::string TCStringError::message() const {
   std::string text = segment + " segment, ";
@@ -467,12 +653,18 @@ std::string TCStringError::message() const {
 }
 
 Result<TCString, TCStringError> TCString::parse(std::string_view text) {
-  TCString tc;
+  // Built where the caller receives it: every return hands back `result`.
+  Result<TCString, TCStringError> result(std::in_place);
+  TCString& tc = result.value();
+  const auto fail = [&result](TCStringError error) { result = Failure{std::move(error)}; };
   const std::size_t coreEnd = std::min(text.find('.'), text.size());
   {
     SegmentBits bits;
     if (bits.load(text.substr(0, coreEnd))) readCore(bits, tc);
-    if (bits.failed()) return Failure{errorFrom("core", bits.failure())};
+    if (bits.failed()) {
+      fail(errorFrom("core", bits.failure()));
+      return result;
+    }
   }
   int index = 1;
   for (std::size_t start = coreEnd; start < text.size();) {
@@ -481,39 +673,61 @@ Result<TCString, TCStringError> TCString::parse(std::string_view text) {
     const std::size_t end = std::min(text.find('.', begin), text.size());
     start = end;
     const std::string_view piece = text.substr(begin, end - begin);
-    std::string name = "segment " + std::to_string(index);
+    // A segment is named by its type once that is known, and by its place until then.
+    const char* named = nullptr;
+    const auto name = [&] {
+      return named ? std::string(named) : "segment " + std::to_string(index);
+    };
     SegmentBits bits;
-    if (piece.empty()) return Failure{TCStringError{name, "", 0, "empty segment"}};
-    if (!bits.load(piece)) return Failure{errorFrom(name, bits.failure())};
+    if (piece.empty()) {
+      fail(TCStringError{name(), "", 0, "empty segment"});
+      return result;
+    }
+    if (!bits.load(piece)) {
+      fail(errorFrom(name(), bits.failure()));
+      return result;
+    }
     const auto type = bits.read(3, nullptr, "SegmentType");
-    if (bits.failed()) return Failure{errorFrom(name, bits.failure())};
+    if (bits.failed()) {
+      fail(errorFrom(name(), bits.failure()));
+      return result;
+    }
     switch (type) {
       case 0:
-        tc.warnings.push_back(name + " has segment type 0 (core) and was ignored");
+        tc.warnings.push_back(name() + " has segment type 0 (core) and was ignored");
         continue;
       case 1:
       case 2: {
         const bool disclosed = type == 1;
-        name = disclosed ? "disclosed vendors" : "allowed vendors";
+        named = disclosed ? "disclosed vendors" : "allowed vendors";
         std::optional<VendorSection>& slot = disclosed ? tc.vendorsDisclosed : tc.vendorsAllowed;
-        if (slot) return Failure{TCStringError{name, "SegmentType", 0, "segment appears twice"}};
-        slot = readVendorSection(bits, disclosed ? "DisclosedVendors" : "AllowedVendors");
+        if (slot) {
+          fail(TCStringError{name(), "SegmentType", 0, "segment appears twice"});
+          return result;
+        }
+        readVendorSection(bits, disclosed ? "DisclosedVendors" : "AllowedVendors", slot.emplace());
         break;
       }
       case 3:
-        name = "publisher TC";
+        named = "publisher TC";
         if (tc.publisherTC) {
-          return Failure{TCStringError{name, "SegmentType", 0, "segment appears twice"}};
+          fail(TCStringError{name(), "SegmentType", 0, "segment appears twice"});
+          return result;
         }
         tc.publisherTC = readPublisherTC(bits, tc.policyVersion, tc.warnings);
         break;
-      default:
-        return Failure{
-            TCStringError{name, "SegmentType", 0, "unknown segment type " + std::to_string(type)}};
+      default: {
+        fail(TCStringError{name(), "SegmentType", 0,
+                           "unknown segment type " + std::to_string(type)});
+        return result;
+      }
     }
-    if (bits.failed()) return Failure{errorFrom(name, bits.failure())};
+    if (bits.failed()) {
+      fail(errorFrom(name(), bits.failure()));
+      return result;
+    }
   }
-  return tc;
+  return result;
 }
 
 }  // namespace quillet

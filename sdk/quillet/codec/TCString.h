@@ -9,6 +9,7 @@
 
 #include "quillet/base/Export.h"
 #include "quillet/base/Result.h"
+#include "quillet/codec/VendorIdSet.h"
 
 namespace quillet {
 
@@ -48,9 +49,11 @@ class IdMask {
 struct QUILLET_EXPORT VendorSection {
   std::int64_t maxVendorId = 0;
   bool isRangeEncoding = false;
-  std::vector<std::int64_t> ids;  ///< ascending, each once
+  VendorIdSet vendors;  ///< as the string holds them; ids() lists them
 
-  bool contains(std::int64_t id) const noexcept;
+  bool contains(std::int64_t id) const noexcept { return vendors.contains(id); }
+  /// The vendor ids, ascending.
+  std::vector<std::int64_t> ids() const { return vendors.ids(); }
   bool operator==(const VendorSection&) const = default;
 };
 
@@ -59,7 +62,7 @@ struct QUILLET_EXPORT VendorSection {
 struct QUILLET_EXPORT PublisherRestriction {
   int purposeId = 0;
   int restrictionType = 0;
-  std::vector<std::int64_t> vendors;  ///< ascending, each once
+  VendorIdSet vendors;
 
   bool operator==(const PublisherRestriction&) const = default;
 };
@@ -96,6 +99,10 @@ struct QUILLET_EXPORT TCStringError {
 /// error. Trailing "=" padding (at most two per segment) is accepted. A string that is well-formed
 /// but breaks a policy rule parses and carries a warning. A plain value; safe to share read-only.
 struct QUILLET_EXPORT TCString {
+  /// Every field at its initial value. (Defined out of line, so that building one in place sets
+  /// only the fields rather than clearing the whole object first.)
+  TCString() noexcept;
+
   int version = 0;
   std::uint64_t created = 0;      ///< deciseconds since 1970-01-01 UTC
   std::uint64_t lastUpdated = 0;  ///< deciseconds since 1970-01-01 UTC
