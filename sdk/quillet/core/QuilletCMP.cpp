@@ -424,16 +424,11 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
   if (!contents) return;
 
   PendingConsentStore& pending = PendingConsentStore::shared();
-  for (const auto& [id, on] : contents->purposes)
-    pending.setPurposeConsent(id, on);
+  pending.mergePurposeConsent(contents->purposes);
   PurposeConsentStore::shared().replaceStates(contents->purposes);
-  for (const auto& [id, on] : contents->vendors)
-    pending.setVendorConsent(id, on);
+  pending.mergeVendorConsent(contents->vendors);
   VendorConsentStore::shared().replaceStates(contents->vendors);
-  for (const auto& [vendorId, flags] : contents->legitimateInterests) {
-    for (const auto& [purpose, on] : flags)
-      pending.setLiPurposeConsent(vendorId, purpose, on);
-  }
+  pending.mergeLiPurposeConsent(contents->legitimateInterests);
   // Each master first, with its cascade; then the pending store takes the vendors' states.
   SpecialFeatureConsentStore& specialFeatures = SpecialFeatureConsentStore::shared();
   for (const auto& [feature, isOn] : contents->specialFeatureMasters) {

@@ -17,8 +17,11 @@ void acceptEverything(std::span<const std::int64_t> purposeIds,
   for (const auto featureId : specialFeatureIds) {
     features.assignMaster(featureId, true);
     pending.setSpecialFeatureMaster(featureId, true);
-    NotificationCenter::defaultCenter().post(NotificationNames::specialFeatureMasterChanged,
-                                             {{"featureId", featureId}, {"on", true}});
+    auto& center = NotificationCenter::defaultCenter();
+    if (center.observed(NotificationNames::specialFeatureMasterChanged)) {
+      center.post(NotificationNames::specialFeatureMasterChanged,
+                  {{"featureId", featureId}, {"on", true}});
+    }
     for (const auto vendorId : vendorIds)
       features.setVendor(featureId, vendorId, true);
   }

@@ -11,9 +11,12 @@ namespace quillet {
 
 /// Posts `name` on the default centre once per entry, with "id" and "on", in ascending id order.
 inline void announceEachFlag(std::string_view name, const ConsentFlags& flags) {
-  for (const auto& [id, on] : flags) {
-    NotificationCenter::defaultCenter().post(name, {{"id", id}, {"on", on}});
-  }
+  auto& center = NotificationCenter::defaultCenter();
+  // Observers are only added by observers or by other threads: with none now, the whole list can
+  // go unannounced.
+  if (!center.observed(name)) return;
+  for (const auto& [id, on] : flags)
+    center.post(name, {{"id", id}, {"on", on}});
 }
 
 }  // namespace quillet

@@ -67,6 +67,7 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string name, Obse
   {
     std::lock_guard lock(mutex_);
     observers_[std::move(name)].push_back(registration);
+    registrations_.fetch_add(1, std::memory_order_relaxed);
   }
   return Token(self_, std::move(registration));
 }
@@ -76,8 +77,17 @@ void NotificationCenter::remove(const std::shared_ptr<Token::Registration>& regi
   const auto found = observers_.find(registration->name);
   if (found == observers_.end()) return;
   auto& list = found->second;
-  list.erase(std::remove(list.begin(), list.end(), registration), list.end());
+  const auto removed = std::remove(list.begin(), list.end(), registration);
+  registrations_.fetch_sub(static_cast<std::size_t>(list.end() - removed),
+                           std::memory_order_relaxed);
+  list.erase(removed, list.end());
   if (list.empty()) observers_.erase(found);
+}
+
+bool NotificationCenter::observed(std::string_view name) {
+  if (registrations_.load(std::memory_order_relaxed) == 0) return false;
+  std::lock_guard lock(mutex_);
+  return observers_.find(name) != observers_.end();
 }
 
 void NotificationCenter::post(std::string_view name, NotificationPayload userInfo) {

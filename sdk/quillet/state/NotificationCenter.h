@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -64,12 +65,17 @@ class NotificationCenter {
 
   [[nodiscard]] Token addObserver(std::string name, Observer observer);
   void post(std::string_view name, NotificationPayload userInfo = {});
+  /// Whether an observer of `name` is registered, so that a caller posting often can skip
+  /// building a payload that no one would receive. An observer added meanwhile may miss the post,
+  /// as it would have, had it come a moment later.
+  bool observed(std::string_view name);
 
  private:
   void remove(const std::shared_ptr<Token::Registration>& registration);
 
   std::mutex mutex_;
   std::map<std::string, std::vector<std::shared_ptr<Token::Registration>>, std::less<>> observers_;
+  std::atomic<std::size_t> registrations_{0};  // in observers_, so that none costs no lock
   std::shared_ptr<NotificationCenter*> self_;  // tokens hold it weakly to outlive the centre safely
 };
 

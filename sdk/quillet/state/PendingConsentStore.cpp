@@ -32,6 +32,12 @@ void PendingConsentStore::setVendorConsent(std::int64_t vendorId, bool on) {
   vendorConsent_[vendorId] = on;
 }
 
+void PendingConsentStore::mergeVendorConsent(const ConsentFlags& flags) {
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, on] : flags)
+    vendorConsent_.insert_or_assign(vendorConsent_.end(), id, on);
+}
+
 ConsentFlags PendingConsentStore::purposeConsent() const {
   std::lock_guard lock(mutex_);
   return purposeConsent_;
@@ -43,6 +49,12 @@ void PendingConsentStore::setPurposeConsent(ConsentFlags flags) {
 void PendingConsentStore::setPurposeConsent(std::int64_t purposeId, bool on) {
   std::lock_guard lock(mutex_);
   purposeConsent_[purposeId] = on;
+}
+
+void PendingConsentStore::mergePurposeConsent(const ConsentFlags& flags) {
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, on] : flags)
+    purposeConsent_.insert_or_assign(purposeConsent_.end(), id, on);
 }
 
 NestedConsentFlags PendingConsentStore::liPurposeConsent() const {
@@ -61,6 +73,15 @@ void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, std::int64_
                                               bool on) {
   std::lock_guard lock(mutex_);
   liPurposeConsent_[vendorId][purposeId] = on;
+}
+
+void PendingConsentStore::mergeLiPurposeConsent(const NestedConsentFlags& flags) {
+  std::lock_guard lock(mutex_);
+  for (const auto& [vendorId, purposes] : flags) {
+    ConsentFlags& held = liPurposeConsent_[vendorId];
+    for (const auto& [purposeId, on] : purposes)
+      held.insert_or_assign(held.end(), purposeId, on);
+  }
 }
 
 NestedConsentFlags PendingConsentStore::specialFeatureConsent() const {

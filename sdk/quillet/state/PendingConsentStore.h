@@ -25,16 +25,22 @@ class PendingConsentStore {
   ConsentFlags vendorConsent() const;
   void setVendorConsent(ConsentFlags flags);
   void setVendorConsent(std::int64_t vendorId, bool on);
+  /// Sets each entry of `flags`, keeping the vendors it does not name.
+  void mergeVendorConsent(const ConsentFlags& flags);
 
   ConsentFlags purposeConsent() const;
   void setPurposeConsent(ConsentFlags flags);
   void setPurposeConsent(std::int64_t purposeId, bool on);
+  /// Sets each entry of `flags`, keeping the purposes it does not name.
+  void mergePurposeConsent(const ConsentFlags& flags);
 
   /// By vendor, then purpose.
   NestedConsentFlags liPurposeConsent() const;
   void setLiPurposeConsent(NestedConsentFlags flags);
   void setLiPurposeConsent(std::int64_t vendorId, ConsentFlags purposes);
   void setLiPurposeConsent(std::int64_t vendorId, std::int64_t purposeId, bool on);
+  /// Sets each vendor's and purpose's entry of `flags`, keeping those it does not name.
+  void mergeLiPurposeConsent(const NestedConsentFlags& flags);
 
   /// By special feature, then vendor.
   NestedConsentFlags specialFeatureConsent() const;

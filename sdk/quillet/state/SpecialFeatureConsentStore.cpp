@@ -13,15 +13,19 @@
 namespace quillet {
 namespace {
 
+// A resynchronisation announces about a thousand vendors: no payload is built for no one.
 void announceMaster(std::int64_t featureId, bool on) {
-  NotificationCenter::defaultCenter().post(NotificationNames::specialFeatureMasterChanged,
-                                           {{"featureId", featureId}, {"on", on}});
+  auto& center = NotificationCenter::defaultCenter();
+  if (!center.observed(NotificationNames::specialFeatureMasterChanged)) return;
+  center.post(NotificationNames::specialFeatureMasterChanged,
+              {{"featureId", featureId}, {"on", on}});
 }
 
 void announceVendor(std::int64_t featureId, std::int64_t vendorId, bool on) {
-  NotificationCenter::defaultCenter().post(
-      NotificationNames::specialFeatureVendorChanged,
-      {{"featureId", featureId}, {"vendorId", vendorId}, {"on", on}});
+  auto& center = NotificationCenter::defaultCenter();
+  if (!center.observed(NotificationNames::specialFeatureVendorChanged)) return;
+  center.post(NotificationNames::specialFeatureVendorChanged,
+              {{"featureId", featureId}, {"vendorId", vendorId}, {"on", on}});
 }
 
 StoreValue::Dictionary toDictionary(const ConsentFlags& flags) {

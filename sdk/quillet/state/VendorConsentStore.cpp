@@ -30,8 +30,10 @@ void VendorConsentStore::setConsent(std::int64_t vendorId, bool isOn) {
     if (found != states_.end() && found->second == isOn) return;
     states_[vendorId] = isOn;
   }
-  NotificationCenter::defaultCenter().post(NotificationNames::vendorConsentChanged,
-                                           {{"id", vendorId}, {"on", isOn}});
+  auto& center = NotificationCenter::defaultCenter();
+  if (center.observed(NotificationNames::vendorConsentChanged)) {
+    center.post(NotificationNames::vendorConsentChanged, {{"id", vendorId}, {"on", isOn}});
+  }
 }
 
 }  // namespace quillet
