@@ -42,7 +42,9 @@ codec-demo: build
 	./scripts/demo build/release/cli/quillet testdata/vendor-list.json
 
 bench: build
-	./build/release/bench/codec_bench --benchmark_min_time=0.5
+	./build/release/bench/codec_bench --benchmark_min_time=0.2 --benchmark_repetitions=10 \
+	  --benchmark_report_aggregates_only=true
+	node bench/parse_ratio.mjs build/release/bench/codec_bench testdata
 	./build/release/bench/model_bench --benchmark_min_time=0.5
 	./build/release/bench/network_bench --benchmark_min_time=1 --benchmark_repetitions=5 \
 	  --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true

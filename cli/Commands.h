@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <istream>
 #include <optional>
@@ -38,6 +39,16 @@ bool failedStandardInput(const std::istream& in);
 /// The whole of `in`, or absent after "quillet COMMAND: cannot read NAME: REASON" on `err`.
 std::optional<std::string> readAll(std::istream& in, std::string_view command,
                                    std::string_view name, std::ostream& err);
+
+struct InAppOptions {
+  std::string tcString;
+  bool gdprApplies = true;
+  std::int64_t cmpSdkId = 0;
+  std::int64_t cmpSdkVersion = 0;
+};
+/// Prints the in-app values of the string as one JSON object to `out`, keys in the order ad SDKs'
+/// documentation lists them. Returns 0, or 1 with the reader's message on `err`.
+int runInApp(const InAppOptions& options, std::ostream& out, std::ostream& err);
 
 struct DemoOptions {
   int port = 8765;    ///< of the web host; 0 for a free one

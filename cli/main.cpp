@@ -54,6 +54,17 @@ int main(int argc, char** argv) {
                    "Refuse values the encoder would drop, cut to their field or write out of "
                    "place (named as warnings otherwise)");
 
+  quillet::cli::InAppOptions inAppOptions;
+  CLI::App* inApp = app.add_subcommand(
+      "inapp", "Print the IAB in-app values (IABTCF_ keys) of a TC String as one JSON object");
+  inApp->add_option("TCSTRING", inAppOptions.tcString, "The TC String")->required();
+  inApp->add_option("--gdpr-applies", inAppOptions.gdprApplies, "IABTCF_gdprApplies: 1 or 0")
+      ->capture_default_str();
+  inApp->add_option("--cmp-sdk-id", inAppOptions.cmpSdkId, "IABTCF_CmpSdkID")
+      ->capture_default_str();
+  inApp->add_option("--cmp-sdk-version", inAppOptions.cmpSdkVersion, "IABTCF_CmpSdkVersion")
+      ->capture_default_str();
+
   quillet::cli::DemoOptions demoOptions;
   demoOptions.data = demoDataFolder();
   CLI::App* demo = app.add_subcommand(
@@ -79,14 +90,14 @@ int main(int argc, char** argv) {
 
   // A first word that is neither an option nor a command is named, with the commands there are.
   const auto known = [&](const char* word) {
-    for (const CLI::App* command : {decode, encode, demo}) {
+    for (const CLI::App* command : {decode, encode, inApp, demo}) {
       if (command->check_name(word)) return true;
     }
     return false;
   };
   if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
     std::cerr << "quillet: unknown command \"" << argv[1]
-              << "\"; the commands are decode, encode and demo (--help)\n";
+              << "\"; the commands are decode, encode, inapp and demo (--help)\n";
     return kUsageError;
   }
   try {
@@ -103,5 +114,6 @@ int main(int argc, char** argv) {
     fcntl(STDOUT_FILENO, F_SETPIPE_SZ, 1 << 20);  // NOLINT(cppcoreguidelines-pro-type-vararg)
     return quillet::cli::runDecode(decodeOptions, std::cin, std::cout, std::cerr);
   }
+  if (inApp->parsed()) return quillet::cli::runInApp(inAppOptions, std::cout, std::cerr);
   return quillet::cli::runEncode(encodeOptions, std::cin, std::cout, std::cerr);
 }

@@ -21,7 +21,7 @@ set(QUILLET_PUBLIC_HEADERS
   base/Export.h base/Fatal.h base/Locale.h base/MainQueue.h base/Platform.h base/QltLog.h
   base/Result.h
   codec/Base64Url.h codec/BitReader.h codec/BitWriter.h codec/QLTCMPUtils.h codec/TCString.h
-  codec/VendorIdSet.h
+  codec/InAppValues.h codec/VendorIdSet.h
   core/QuilletCMP.h
   model/BrandingConfig.h model/ConsentSelections.h model/DeviceStorageDisclosure.h
   model/PurposeModel.h model/VendorModel.h

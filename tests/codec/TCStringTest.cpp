@@ -8,6 +8,7 @@
 
 #include "quillet/codec/Base64Url.h"
 #include "quillet/codec/BitWriter.h"
+#include "quillet/codec/InAppValues.h"
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 
@@ -300,6 +301,17 @@ TEST(IdMask, KeepsIdsOneToN) {
   EXPECT_FALSE(mask.contains(0));
   EXPECT_EQ(mask.count(), 3);
   EXPECT_THAT(IdMask<64>(~std::uint64_t{0}).ids().back(), 64);
+}
+
+// The in-app values take the host's settings and refuse what the reader refuses; what they hold
+// of a string is checked against the reference library with every sample string.
+TEST(InAppValues, TakeTheHostsSettingsAndRefuseUnreadableStrings) {
+  EXPECT_EQ(inAppValues("CO-broken!", {}).error().field, "text");
+  const auto values = inAppValues(encodedCore(), {.gdprApplies = false, .cmpSdkId = 9});
+  ASSERT_TRUE(values);
+  EXPECT_EQ((*values)[0], (InAppValue{"IABTCF_CmpSdkID", std::int64_t{9}}));
+  EXPECT_EQ((*values)[3], (InAppValue{"IABTCF_gdprApplies", std::int64_t{0}}));
+  EXPECT_EQ((*values)[13], (InAppValue{"IABTCF_PublisherConsent", std::string()}));
 }
 
 // Ranges added in random order, spread wide or kept close, against a plain set of ids: the

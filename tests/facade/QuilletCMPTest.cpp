@@ -200,9 +200,12 @@ TEST_F(QuilletCMPTest, AFirstRunShowsTheBannerAndCompletesAfterTheDecision) {
 
 TEST_F(QuilletCMPTest, RejectAllStoresNoConsentButDisclosesEveryVendor) {
   host_->answer = ConsentAction::rejectAll();
+  std::vector<std::string> handed;  // to the host, to rewrite its in-app values
+  facade_->setConsentStoredHandler([&handed](const std::string& text) { handed.push_back(text); });
   std::atomic<int> completed{0};
   startUntilBanner(completed);
   EXPECT_EQ(completed.load(), 1);
+  EXPECT_EQ(handed, std::vector{store_->readString(StorageKeys::tcString).value()});
   EXPECT_FALSE(store_->readBool(StorageKeys::consent));
   EXPECT_EQ(stored(),
             "FR DE 471/1 0 100 12 4 17000000000 17000000000 [] [] [] [] 900 [] [8,10,755]");

@@ -411,6 +411,17 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
 
   syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
                                {vendorIds.begin(), vendorIds.end()}, *s.gvl);
+  std::function<void(const std::string&)> stored;
+  {
+    std::lock_guard lock(mutex_);
+    stored = consentStored_;
+  }
+  if (stored) stored(tcString);
+}
+
+void QuilletCMP::setConsentStoredHandler(std::function<void(const std::string&)> handler) {
+  std::lock_guard lock(mutex_);
+  consentStored_ = std::move(handler);
 }
 
 void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purposeIds,

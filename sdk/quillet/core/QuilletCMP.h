@@ -62,6 +62,11 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   /// The single place where a decision becomes a stored TC String; does nothing until the
   /// configuration and the vendor list are loaded.
   void handleConsentAction(const ConsentAction& action);
+  /// Called with the stored TC String after every decision is stored and the consent stores
+  /// follow it, on the thread that handled the decision, with no lock held: for the host to
+  /// rewrite what it keeps of the consent, such as the in-app values (see inAppValues()).
+  /// Replaces any earlier handler; an empty one removes it.
+  void setConsentStoredHandler(std::function<void(const std::string& tcString)> handler);
   /// True when the configuration and the vendor list are loaded, fetching and waiting first when
   /// a settings id is known.
   bool ensureConfigLoaded();
@@ -102,6 +107,7 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   std::vector<PurposeModel> purposes_;
   std::vector<VendorModel> vendors_;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors_;
+  std::function<void(const std::string&)> consentStored_;
 };
 
 }  // namespace quillet
