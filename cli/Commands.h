@@ -24,6 +24,8 @@ int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
 struct EncodeOptions {
   std::string input;    ///< file of the JSON object; empty: standard input
   bool strict = false;  ///< refuse values the encoder would drop, clip or misplace
+  /// append a TCF 2.3 disclosed vendors segment listing every `gvlVendorIds` vendor
+  bool discloseVendorList = false;
 };
 
 /// Reads one JSON object of encoder parameters from `in` and prints the TC String to `out`.

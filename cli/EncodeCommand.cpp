@@ -295,6 +295,10 @@ int runEncode(const EncodeOptions& options, std::istream& in, std::ostream& out,
     tcString += QLTCMPUtils::encodeDisclosedVendorsSegment(*request->disclosedVendors,
                                                            request->input.gvlVendorIds);
   }
+  if (options.discloseVendorList) {
+    tcString += '.';
+    tcString += QLTCMPUtils::encodeDisclosedVendors(request->input.gvlVendorIds);
+  }
   out << tcString << '\n';
   out.flush();
   return 0;

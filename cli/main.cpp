@@ -53,6 +53,9 @@ int main(int argc, char** argv) {
   encode->add_flag("--strict", encodeOptions.strict,
                    "Refuse values the encoder would drop, cut to their field or write out of "
                    "place (named as warnings otherwise)");
+  encode->add_flag("--disclose-vendor-list", encodeOptions.discloseVendorList,
+                   "Append a disclosed vendors segment (TCF 2.3) listing every gvlVendorIds "
+                   "vendor, in the shorter of its two encodings");
 
   quillet::cli::InAppOptions inAppOptions;
   CLI::App* inApp = app.add_subcommand(

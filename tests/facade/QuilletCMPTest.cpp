@@ -216,6 +216,18 @@ TEST_F(QuilletCMPTest, RejectAllStoresNoConsentButDisclosesEveryVendor) {
   EXPECT_EQ(firebase_->calls().back().at("ad_storage"), "denied");
 }
 
+TEST_F(QuilletCMPTest, OnRequestStringsAlsoDiscloseEveryVendorOfTheList) {
+  facade_->setAppendsDisclosedVendorsSegment(true);
+  std::atomic<int> completed{0};
+  startUntilBanner(completed);
+  facade_->applyCustomSelections({1}, {8});
+  const auto tc = TCString::parse(store_->readString(StorageKeys::tcString).value());
+  ASSERT_TRUE(tc);
+  ASSERT_TRUE(tc->vendorsDisclosed);
+  EXPECT_EQ(tc->vendorsDisclosed->ids(), (std::vector<std::int64_t>{8, 10, 755}));
+  EXPECT_EQ(tc->vendorConsents.ids(), std::vector<std::int64_t>{8});
+}
+
 TEST_F(QuilletCMPTest, CustomSelectionsKeepOnlyConfiguredPurposesAndSelectedVendors) {
   std::atomic<int> completed{0};
   startUntilBanner(completed);

@@ -20,6 +20,8 @@ namespace {
 constexpr std::string_view kTag = "QLTCMPUtils";
 constexpr int kSpecialFeatureCount = 12;
 constexpr int kPurposeCount = 24;
+constexpr std::int64_t kMaxVendorId = 65535;    // vendor ids are 16-bit fields
+constexpr std::size_t kMaxRangeEntries = 4095;  // NumEntries is a 12-bit field
 
 // Deciseconds since 1970, truncated toward zero; a clock before 1970 reads as 0.
 std::uint64_t deciseconds(std::chrono::system_clock::time_point time) {
@@ -183,6 +185,46 @@ std::string encodeDisclosedVendorsSegment(std::span<const std::int64_t> allowedV
   const std::int64_t maxId = maxVendorId(gvlVendorIds, kCaller);
   writeVendorSectionHeader(writer, maxId, kCaller);
   writeBitField(writer, allowedVendorIds, maxId);
+  return base64URLEncodedString(writer.data());
+}
+
+std::string encodeDisclosedVendors(std::span<const std::int64_t> disclosedVendorIds) {
+  std::vector<std::int64_t> ids;
+  ids.reserve(disclosedVendorIds.size());
+  for (const std::int64_t id : disclosedVendorIds) {
+    if (id >= 1 && id <= kMaxVendorId) ids.push_back(id);
+  }
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  // Runs of consecutive ids, each an entry of the range encoding.
+  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  for (const std::int64_t id : ids) {
+    if (!runs.empty() && runs.back().second + 1 == id) {
+      runs.back().second = id;
+    } else {
+      runs.emplace_back(id, id);
+    }
+  }
+  const std::int64_t maxId = ids.empty() ? 0 : ids.back();
+  std::int64_t rangeBits = 12;
+  for (const auto& [first, last] : runs)
+    rangeBits += first == last ? 17 : 33;
+  const bool range = runs.size() <= kMaxRangeEntries && rangeBits < maxId;
+
+  BitWriter writer;
+  writer.write(1, 3);  // SegmentType: disclosed vendors
+  writer.write(static_cast<std::uint64_t>(maxId), 16);
+  writer.writeBit(range);
+  if (range) {
+    writer.write(runs.size(), 12);
+    for (const auto& [first, last] : runs) {
+      writer.writeBit(first != last);
+      writer.write(static_cast<std::uint64_t>(first), 16);
+      if (first != last) writer.write(static_cast<std::uint64_t>(last), 16);
+    }
+  } else {
+    writeBitField(writer, ids, maxId);
+  }
   return base64URLEncodedString(writer.data());
 }
 

@@ -64,6 +64,10 @@ QUILLET_EXPORT std::string encodeTCString(std::span<const std::int64_t> purposes
 QUILLET_EXPORT std::string encodeDisclosedVendorsSegment(
     std::span<const std::int64_t> allowedVendorIds, std::span<const std::int64_t> gvlVendorIds);
 
+/// The disclosed vendors segment of TCF 2.3 (segment type 1) listing `disclosedVendorIds` (any
+/// order, repeats allowed; ids outside 1...65535 are left out), as unpadded base64url without a
+/// separator: a bit field over 1...the largest id, or range entries where they take fewer bits.
+QUILLET_EXPORT std::string encodeDisclosedVendors(std::span<const std::int64_t> disclosedVendorIds);
 /// Whether a consent language or publisher country code can be written without stopping the
 /// process: every UTF-8 byte of its upper-cased first two characters is at least "A".
 QUILLET_EXPORT bool isEncodableCode(std::string_view code);

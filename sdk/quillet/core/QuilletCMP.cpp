@@ -378,7 +378,11 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
                                        .legitimateInterests = legitimateInterests,
                                        .specialFeatureMasters = specialFeatureMasters,
                                        .now = Platform::current().clock->now()});
-  const std::string& tcString = decision.tcString;
+  std::string tcString = decision.tcString;
+  if (appendsDisclosedVendors_.load()) {
+    tcString += '.';
+    tcString += QLTCMPUtils::encodeDisclosedVendors(vendorIds);  // the vendors the screens list
+  }
 
   const auto store = ConsentStorage::store();
   store->set(StorageKeys::consent, decision.consent);
@@ -417,6 +421,10 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
     stored = consentStored_;
   }
   if (stored) stored(tcString);
+}
+
+void QuilletCMP::setAppendsDisclosedVendorsSegment(bool on) {
+  appendsDisclosedVendors_.store(on);
 }
 
 void QuilletCMP::setConsentStoredHandler(std::function<void(const std::string&)> handler) {

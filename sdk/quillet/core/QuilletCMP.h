@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -67,6 +68,10 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   /// rewrite what it keeps of the consent, such as the in-app values (see inAppValues()).
   /// Replaces any earlier handler; an empty one removes it.
   void setConsentStoredHandler(std::function<void(const std::string& tcString)> handler);
+  /// With `on`, the strings that consent actions create end in a disclosed vendors segment
+  /// (TCF 2.3) listing the vendors the screens disclose: the configuration's selected vendors
+  /// when it names them, else every vendor of the vendor list in use. Off by default.
+  void setAppendsDisclosedVendorsSegment(bool on);
   /// True when the configuration and the vendor list are loaded, fetching and waiting first when
   /// a settings id is known.
   bool ensureConfigLoaded();
@@ -108,6 +113,7 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   std::vector<VendorModel> vendors_;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors_;
   std::function<void(const std::string&)> consentStored_;
+  std::atomic<bool> appendsDisclosedVendors_{false};
 };
 
 }  // namespace quillet
