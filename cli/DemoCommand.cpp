@@ -19,8 +19,10 @@
 #include "quillet/base/Platform.h"
 #include "quillet/base/QltLog.h"
 #include "quillet/base/Text.h"
+#include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 #include "quillet/core/QuilletCMP.h"
+#include "quillet/core/TcfApi.h"
 #include "quillet/model/Json.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/HttpClient.h"
@@ -83,6 +85,34 @@ std::string summary(std::string_view tcString) {
          ", special features " + Text::printedList(tc.specialFeatureOptins.ids()) + ", vendors " +
          Text::printedList(tc.vendorConsents.ids()) + ", vendor legitimate interests " +
          Text::printedList(tc.vendorLegitimateInterests.ids());
+}
+
+// What the page's __tcfapi reads: the stored string as TCData (null when it cannot be read, with
+// the CMP's status "error"), and the ping. `eventStatus` is empty until the first screen or the
+// end of start-up.
+std::string tcfState(QuilletCMP& facade, const std::string& eventStatus) {
+  const QLTCMPUtils::TCStringInput defaults;
+  PingContext ping{.cmpLoaded = facade.isConfigLoaded(),
+                   .cmpStatus = "loaded",
+                   .displayStatus = eventStatus == "cmpuishown" ? "visible" : "hidden",
+                   .cmpId = defaults.cmpId,
+                   .cmpVersion = defaults.cmpVersion};
+  if (const auto gvl = facade.gvl()) {
+    ping.gvlVersion = Json::exactInteger(gvl->if_contains("vendorListVersion"));
+    ping.tcfPolicyVersion = Json::exactInteger(gvl->if_contains("tcfPolicyVersion"));
+  }
+  boost::json::value data = nullptr;
+  const std::string stored = ConsentStorage::getTCString().value_or("");
+  if (eventStatus.empty()) {
+    ping.cmpStatus = "stub";
+  } else if (const auto tc = stored.empty() ? Result<TCString, TCStringError>(TCString())
+                                            : TCString::parse(stored)) {
+    data = boost::json::parse(tcDataJson(*tc, stored, {.eventStatus = eventStatus}));
+  } else {
+    ping.cmpStatus = "error";
+  }
+  return boost::json::serialize(
+      boost::json::object{{"ping", boost::json::parse(pingReturnJson(ping))}, {"tcData", data}});
 }
 
 // The bundled disclosure documents, one per vendor in turn, so that the disclosure screen works
@@ -365,7 +395,20 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   printer.line("Open " + host->url() + " in a browser. Ctrl-C stops.");
   printer.line("Embedded CDN " + server.cdnBase() + " and consent API " + server.apiBase());
   const auto started = std::chrono::steady_clock::now();
-  host->onPresented = [&printer, started](const Screen& screen) {
+  auto& facade = QuilletCMP::shared();
+  // The page's __tcfapi, and its ad slot: "cmpuishown" with a screen, "useractioncomplete" after
+  // a decision, "tcloaded" when start-up ends with a stored string and no screen.
+  std::string eventStatus;  // main queue only
+  host->serveTcfApi([&facade, &eventStatus] { return tcfState(facade, eventStatus); });
+  const auto setEventStatus = [&eventStatus, host](std::string status) {
+    eventStatus = std::move(status);
+    host->tcfChanged();
+  };
+  facade.setConsentStoredHandler([mainQueue, setEventStatus](const std::string&) {
+    mainQueue->post([setEventStatus] { setEventStatus("useractioncomplete"); });
+  });
+  host->onPresented = [&printer, started, setEventStatus](const Screen& screen) {
+    setEventStatus("cmpuishown");
     const auto elapsed =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
     std::ostringstream line;
@@ -374,12 +417,13 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
          << " ms after initialize";
     printer.line(line.str());
   };
-  auto& facade = QuilletCMP::shared();
   // The host's own way back to the choices, as an app's settings would offer it.
   host->addPageAction("Privacy choices", [&facade] { facade.showBanner(true); });
-  facade.initialize(options.settingsId, [&printer, &facade, manage = options.manage] {
+  facade.initialize(options.settingsId, [&printer, &facade, &eventStatus, setEventStatus,
+                                         manage = options.manage] {
     const auto stored = ConsentStorage::store()->readString(StorageKeys::tcString);
     printer.line("start-up done; stored TC String: " + stored.value_or("(none)"));
+    if (stored && eventStatus.empty()) setEventStatus("tcloaded");
     if (manage) facade.showBanner(true);
   });
   mainQueue->post([&printer, started] {

@@ -18,8 +18,8 @@ int runInApp(const InAppOptions& options, std::ostream& out, std::ostream& err) 
     return 1;
   }
   boost::json::object object;
-  for (const auto& [key, value] : *values) {
-    std::visit([&object, &key](const auto& v) { object[key] = v; }, value);
+  for (const InAppValue& entry : *values) {
+    std::visit([&](const auto& v) { object[entry.key] = v; }, entry.value);
   }
   out << prettyJson(object) << "\n";
   return 0;

@@ -22,7 +22,7 @@ set(QUILLET_PUBLIC_HEADERS
   base/Result.h
   codec/Base64Url.h codec/BitReader.h codec/BitWriter.h codec/QLTCMPUtils.h codec/TCString.h
   codec/InAppValues.h codec/VendorIdSet.h
-  core/QuilletCMP.h
+  core/QuilletCMP.h core/TcfApi.h
   model/BrandingConfig.h model/ConsentSelections.h model/DeviceStorageDisclosure.h
   model/PurposeModel.h model/VendorModel.h
   network/CurlHttpClient.h network/HttpClient.h network/QLTAPIServer.h

@@ -143,6 +143,59 @@ test('first visit, view all, accept all, reload and restart', { timeout: 180000 
   assert.ok(code === 0 || signal === null, `demo ended with ${code} ${signal}`);
 });
 
+// The host page's ad slot asks the page's __tcfapi through postMessage only; waits until it
+// shows `status`, and gives the vendors it says have consent.
+async function adSlotHears(page, status) {
+  await page.waitForSelector('#ad-slot');
+  const frame = await (await page.$('#ad-slot')).contentFrame();
+  await frame.waitForFunction((s) => document.getElementById('event-status').textContent === s,
+    status, { timeout: 20000 });
+  return (await frame.locator('#vendor-consents').textContent()).split(',').filter(Boolean).map(Number);
+}
+
+test('an ad slot hears __tcfapi: UI shown, accept all, reject all, then loaded', { timeout: 180000 }, async () => {
+  const state = stateFolder();
+  let demo = await Demo.start(['--state', state]);
+  const page = await openHost(demo, 'banner');
+  assert.deepEqual(await adSlotHears(page, 'cmpuishown'), []);
+  await page.click('button[data-action="onAcceptAll"]');
+  const accepted = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
+  const vendors = ids(TCString.decode(accepted).vendorConsents);
+  assert.ok(vendors.length > 0);
+  await page.waitForFunction((n) => {
+    const slot = document.getElementById('ad-slot').contentDocument;
+    return slot.getElementById('vendor-consents').textContent.split(',').length === n;
+  }, vendors.length);
+  assert.deepEqual(await adSlotHears(page, 'useractioncomplete'), vendors);
+  // Reject All on the second layer withdraws them.
+  await page.click('#actions button:text("Privacy choices")');
+  await showing(page, 'secondLayer');
+  const next = demo.lines.length;
+  await tap(page, 'secondLayer', '#reject-all');
+  const rejected = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
+  assert.deepEqual(ids(TCString.decode(rejected).vendorConsents), []);
+  await page.waitForFunction(() =>
+    document.getElementById('ad-slot').contentDocument.getElementById('vendor-consents').textContent === '');
+  // The page's own function answers too: an unknown command and version 1 fail, a listener
+  // that throws does not keep the next from its data, ping is loaded.
+  assert.deepEqual(await page.evaluate(() => new Promise((resolve) => {
+    const out = [];
+    window.__tcfapi('noSuchCommand', 2, (value, ok) => out.push(ok));
+    window.__tcfapi('addEventListener', 2, () => { throw new Error('a broken listener'); });
+    window.__tcfapi('addEventListener', 2, (data, ok) => out.push(data.eventStatus, ok));
+    window.__tcfapi('ping', 1, (value, ok) => out.push(value, ok));
+    window.__tcfapi('ping', 2, (value, ok) => { out.push(value.cmpStatus, value.displayStatus); resolve(out); });
+  })), [false, 'useractioncomplete', true, null, false, 'loaded', 'hidden']);
+  await page.close();
+  await demo.stop();
+
+  demo = await Demo.start(['--state', state]);
+  const again = await openHost(demo);
+  assert.deepEqual(await adSlotHears(again, 'tcloaded'), []);
+  await again.close();
+  await demo.stop();
+});
+
 test('customised choices are posted as switched; --manage shows them again', { timeout: 180000 }, async () => {
   const state = stateFolder();
   let demo = await Demo.start(['--state', state]);
@@ -303,7 +356,7 @@ test('keyboard alone: Space, focus into each screen and back, Escape and Back cl
   await page.waitForFunction(() => document.activeElement?.tagName === 'IFRAME');
   assert.equal(await focusedId(page), 'qlt-view-all');
   await page.keyboard.press(' ');
-  await page.waitForFunction(() => document.querySelector('iframe').contentDocument.activeElement.id === 'qlt-hide-all');
+  await page.waitForFunction(() => document.querySelector('.layer iframe').contentDocument.activeElement.id === 'qlt-hide-all');
   assert.equal(await banner.locator('#qlt-hide-all').getAttribute('aria-expanded'), 'true');
   await page.keyboard.press('Escape');  // a decision is due: the banner stays
   assert.equal(await page.evaluate(() => document.body.dataset.top), 'banner');

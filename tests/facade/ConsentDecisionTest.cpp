@@ -5,9 +5,11 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 #include "quillet/core/ConsentDecision.h"
+#include "quillet/core/TcfApi.h"
 
 #include "SmallVendorList.h"
 #include "support/TCStringBrief.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {
@@ -180,6 +182,33 @@ TEST(ConsentDecision, WhatTheStoresHoldForAStoredString) {
     EXPECT_EQ(ConsentDecision::storeContents(undecodable, purposeIds, vendorIds, gvl),
               std::nullopt);
   }
+}
+
+// What __tcfapi hands web content, whole: a string with publisher restrictions and one with a
+// publisher TC segment as TCData, and the ping before and after loading.
+TEST(TcfApi, TCDataAndPingAsWebContentReadsThem) {
+  std::string text;
+  for (const std::string tcString :
+       {"COxPe2TOxPe2TALABAENAPCgAAAAAAAAAAAAAFAAAAoAAA4IACACAIABgACAFA4ADACAAIygAGADwAQBIAIAIB0AEA"
+        "EBSAC"
+        "ACAA",
+        "CQSbk4AQSbk4ANwAAAENAwCgAAAAAAAAAAYgACPAAAAA.IDKQA4AAgAKAGQAygAAA.YAAAAAAAAAAA"}) {
+    const auto tc = TCString::parse(tcString);
+    ASSERT_TRUE(tc);
+    text +=
+        tcDataJson(*tc, tcString, {.eventStatus = "useractioncomplete", .listenerId = 3}) + "\n";
+  }
+  text += pingReturnJson({}) + "\n";
+  text += pingReturnJson({.gdprApplies = false,
+                          .cmpLoaded = true,
+                          .cmpStatus = "loaded",
+                          .displayStatus = "visible",
+                          .cmpId = 471,
+                          .cmpVersion = 1,
+                          .gvlVersion = 106,
+                          .tcfPolicyVersion = 5}) +
+          "\n";
+  EXPECT_TRUE(testing::matchesGolden("tcfapi.json", text));
 }
 
 }  // namespace

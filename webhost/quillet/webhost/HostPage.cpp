@@ -14,6 +14,7 @@ namespace quillet::webhost {
 // the old one's body in place, so the reader keeps the scroll position and the focused control.
 const std::string_view kHostPage = R"HTML(<!DOCTYPE html>
 <html lang="en"><head><meta charset="utf-8">
+<script src="/tcfapi.js"></script>
 <meta name="viewport" content="width=device-width,initial-scale=1">
 <title>Quillet</title>
 <style>
@@ -21,6 +22,7 @@ html,body{margin:0;height:100%;font-family:-apple-system,system-ui,"Segoe UI",Ro
  background:#e9eef3}
 #app{padding:24px;color:#3a3a3c}
 #app h1{font-size:20px;margin:0 0 6px}
+#ad-slot{display:block;border:1px dashed #b0a060;width:min(560px,100%);height:96px;margin-top:16px}
 #actions button{font:inherit;font-size:15px;font-weight:600;padding:10px 14px;margin:12px 8px 0 0;
  border-radius:10px;border:1px solid #0040DD;background:#fff;color:#0040DD;cursor:pointer}
 #actions button:focus-visible{outline:3px solid #111;outline-offset:2px}
@@ -353,6 +355,13 @@ async function refresh() {
     }
   }
   showActions(state.actions);
+  if (state.adSlot && !document.getElementById('ad-slot')) {
+    const slot = document.createElement('iframe');
+    slot.id = 'ad-slot';
+    slot.title = 'Ad slot';
+    slot.src = '/ad-slot';
+    document.getElementById('app').appendChild(slot);
+  }
   const present = new Set(state.screens.map((s) => s.id));
   for (const [id, layer] of layers) {
     if (present.has(id)) continue;

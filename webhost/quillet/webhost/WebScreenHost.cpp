@@ -12,6 +12,7 @@
 #include "quillet/base/MainQueue.h"
 #include "quillet/webhost/HostPage.h"
 #include "quillet/webhost/StartAccepting.h"
+#include "quillet/webhost/TcfApiScript.h"
 
 namespace quillet {
 namespace {
@@ -92,6 +93,15 @@ WebScreenHost::WebScreenHost(Private, std::shared_ptr<MainQueue> mainQueue)
 
 void WebScreenHost::addPageAction(std::string title, std::function<void()> action) {
   actions_.emplace_back(std::move(title), std::move(action));
+  tcfChanged();  // any change of the page is announced the same way
+}
+
+void WebScreenHost::serveTcfApi(std::function<std::string()> state) {
+  tcfState_ = std::move(state);
+  tcfChanged();
+}
+
+void WebScreenHost::tcfChanged() {
   {
     std::lock_guard lock(mutex_);
     ++version_;
@@ -207,13 +217,34 @@ std::string WebScreenHost::stateJson() {
   return boost::json::serialize(boost::json::object{{"screens", std::move(list)},
                                                     {"opened", std::move(opened)},
                                                     {"openedUpTo", openedUpTo},
-                                                    {"actions", std::move(actions)}});
+                                                    {"actions", std::move(actions)},
+                                                    {"adSlot", static_cast<bool>(tcfState_)}});
 }
 
 void WebScreenHost::route() {
   server_->Get("/", [](const httplib::Request&, httplib::Response& response) {
     response.set_header("Cache-Control", "no-store");
     response.set_content(std::string(webhost::kHostPage), "text/html; charset=utf-8");
+  });
+  server_->Get("/tcfapi.js", [](const httplib::Request&, httplib::Response& response) {
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(std::string(webhost::kTcfApiScript), "text/javascript; charset=utf-8");
+  });
+  server_->Get("/ad-slot", [](const httplib::Request&, httplib::Response& response) {
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(std::string(webhost::kAdSlotPage), "text/html; charset=utf-8");
+  });
+  server_->Get("/tcfapi/state", [this](const httplib::Request&, httplib::Response& response) {
+    std::optional<std::string> state;
+    onMain([&] {
+      if (tcfState_) state = tcfState_();
+    });
+    if (!state) {
+      response.status = 404;
+      return;
+    }
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(*state, "application/json");
   });
   server_->Get("/state", [this](const httplib::Request&, httplib::Response& response) {
     std::string state;

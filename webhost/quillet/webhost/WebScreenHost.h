@@ -50,6 +50,14 @@ class WebScreenHost final : public ScreenHost {
   /// While a screen is shown, the page under it takes no input.
   void addPageAction(std::string title, std::function<void()> action);
 
+  /// Serves `__tcfapi` for web content: the page loads its script first (/tcfapi.js), and shows
+  /// an ad slot (/ad-slot) that reads the consent through postMessage. `state` runs on the main
+  /// queue for every page that asks and gives {"ping": PingReturn, "tcData": TCData or null} as
+  /// JSON text (see TcfApi.h); call tcfChanged() whenever it would answer differently.
+  void serveTcfApi(std::function<std::string()> state);
+  /// Tells the pages that the consent state changed.
+  void tcfChanged();
+
   bool canPresent() const override { return true; }
   /// Opened in a new tab of every browser showing the host.
   void openUrl(const std::string& url) override;
@@ -87,6 +95,7 @@ class WebScreenHost final : public ScreenHost {
   std::vector<std::pair<std::uint64_t, std::string>> opened_;  // guarded by mutex_
   // Main queue only.
   std::vector<std::pair<std::string, std::function<void()>>> actions_;
+  std::function<std::string()> tcfState_;  // main queue only
 };
 
 }  // namespace quillet
