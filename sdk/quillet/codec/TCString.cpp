@@ -154,7 +154,7 @@ bool decodeScalar(const unsigned char* chars, std::size_t size, std::uint8_t* ou
         end, _mm_loadu_si128(reinterpret_cast<const __m128i*>(kMoves.data() + 16 - rest)));
   } else {
     alignas(16) unsigned char copy[16] = {};
-    std::memcpy(copy, chars, rest);
+    if (rest > 0) std::memcpy(copy, chars, rest);  // an empty text may have no address
     last = _mm_load_si128(reinterpret_cast<const __m128i*>(copy));
   }
   __m128i bytes;
