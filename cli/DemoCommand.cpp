@@ -101,18 +101,7 @@ std::string tcfState(QuilletCMP& facade, const std::string& eventStatus) {
     ping.gvlVersion = Json::exactInteger(gvl->if_contains("vendorListVersion"));
     ping.tcfPolicyVersion = Json::exactInteger(gvl->if_contains("tcfPolicyVersion"));
   }
-  boost::json::value data = nullptr;
-  const std::string stored = ConsentStorage::getTCString().value_or("");
-  if (eventStatus.empty()) {
-    ping.cmpStatus = "stub";
-  } else if (const auto tc = stored.empty() ? Result<TCString, TCStringError>(TCString())
-                                            : TCString::parse(stored)) {
-    data = boost::json::parse(tcDataJson(*tc, stored, {.eventStatus = eventStatus}));
-  } else {
-    ping.cmpStatus = "error";
-  }
-  return boost::json::serialize(
-      boost::json::object{{"ping", boost::json::parse(pingReturnJson(ping))}, {"tcData", data}});
+  return tcfApiState(ConsentStorage::getTCString().value_or(""), eventStatus, ping);
 }
 
 // The bundled disclosure documents, one per vendor in turn, so that the disclosure screen works

@@ -209,6 +209,20 @@ TEST(TcfApi, TCDataAndPingAsWebContentReadsThem) {
                           .tcfPolicyVersion = 5}) +
           "\n";
   EXPECT_TRUE(testing::matchesGolden("tcfapi.json", text));
+
+  // What a page gets: a stub before start-up ends, the CMP's error for an unreadable stored
+  // string, an empty string's data before any decision.
+  const auto state = [](std::string_view stored, std::string_view status) {
+    const auto json = boost::json::parse(tcfApiState(stored, status, {})).as_object();
+    return std::string(json.at("ping").at("cmpStatus").as_string()) + " " +
+           (json.at("tcData").is_null()
+                ? "no data"
+                : std::string(json.at("tcData").at("eventStatus").as_string()));
+  };
+  EXPECT_EQ(state("COtybn4PA_zT4KjACBENAPCIAEBAAECAAIAAAAAAAAAA", ""), "stub no data");
+  EXPECT_EQ(state("COtybn4PA_zT4KjACBENAPCIAEBAAECAAIAAAAAAAAAA", "tcloaded"), "loaded tcloaded");
+  EXPECT_EQ(state("CO-not a string", "tcloaded"), "error no data");
+  EXPECT_EQ(state("", "cmpuishown"), "loaded cmpuishown");
 }
 
 }  // namespace

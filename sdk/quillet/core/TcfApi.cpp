@@ -103,4 +103,19 @@ std::string pingReturnJson(const PingContext& context) {
   });
 }
 
+std::string tcfApiState(std::string_view tcString, std::string_view eventStatus, PingContext ping) {
+  boost::json::value data = nullptr;
+  ping.cmpStatus = "loaded";
+  if (eventStatus.empty()) {
+    ping.cmpStatus = "stub";
+  } else if (const auto tc = tcString.empty() ? Result<TCString, TCStringError>(TCString())
+                                              : TCString::parse(tcString)) {
+    data = boost::json::parse(tcDataJson(*tc, tcString, {.eventStatus = eventStatus}));
+  } else {
+    ping.cmpStatus = "error";
+  }
+  return boost::json::serialize(
+      boost::json::object{{"ping", boost::json::parse(pingReturnJson(ping))}, {"tcData", data}});
+}
+
 }  // namespace quillet

@@ -46,4 +46,11 @@ struct PingContext {
 /// displayStatus, apiVersion ("2.2"), cmpVersion, cmpId, gvlVersion, tcfPolicyVersion.
 QUILLET_EXPORT std::string pingReturnJson(const PingContext& context);
 
+/// What a page's `__tcfapi` asks its host for, as JSON text: {"ping": PingReturn, "tcData":
+/// TCData or null}. With no `eventStatus` yet the CMP is a stub and there is no data; then the
+/// stored string `tcString` (empty when none is stored) is the data, with `ping`'s status
+/// "loaded"; a stored string that cannot be read gives the status "error" and no data.
+QUILLET_EXPORT std::string tcfApiState(std::string_view tcString, std::string_view eventStatus,
+                                       PingContext ping);
+
 }  // namespace quillet
