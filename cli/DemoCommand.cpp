@@ -394,7 +394,12 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
     host->tcfChanged();
   };
   facade.setConsentStoredHandler([mainQueue, setEventStatus](const std::string&) {
-    mainQueue->post([setEventStatus] { setEventStatus("useractioncomplete"); });
+    // Decisions come from the screens, on the main queue: the status changes with the string.
+    if (mainQueue->isMainThread()) {
+      setEventStatus("useractioncomplete");
+    } else {
+      mainQueue->post([setEventStatus] { setEventStatus("useractioncomplete"); });
+    }
   });
   host->onPresented = [&printer, started, setEventStatus](const Screen& screen) {
     setEventStatus("cmpuishown");

@@ -174,8 +174,11 @@ test('an ad slot hears __tcfapi: UI shown, accept all, reject all, then loaded',
   await tap(page, 'secondLayer', '#reject-all');
   const rejected = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
   assert.deepEqual(ids(TCString.decode(rejected).vendorConsents), []);
-  await page.waitForFunction(() =>
-    document.getElementById('ad-slot').contentDocument.getElementById('vendor-consents').textContent === '');
+  await page.waitForFunction(() => {
+    const slot = document.getElementById('ad-slot').contentDocument;
+    return slot.getElementById('vendor-consents').textContent === '' &&
+      slot.getElementById('event-status').textContent === 'useractioncomplete';
+  });
   // The page's own function answers too: an unknown command and version 1 fail, a listener
   // that throws does not keep the next from its data, ping is loaded.
   assert.deepEqual(await page.evaluate(() => new Promise((resolve) => {
