@@ -413,11 +413,16 @@ int runDemo(const DemoOptions& options, std::ostream& out, std::ostream& err) {
   };
   // The host's own way back to the choices, as an app's settings would offer it.
   host->addPageAction("Privacy choices", [&facade] { facade.showBanner(true); });
-  facade.initialize(options.settingsId, [&printer, &facade, &eventStatus, setEventStatus,
+  facade.initialize(options.settingsId, [&printer, &facade, &eventStatus, setEventStatus, mainQueue,
                                          manage = options.manage] {
     const auto stored = ConsentStorage::store()->readString(StorageKeys::tcString);
     printer.line("start-up done; stored TC String: " + stored.value_or("(none)"));
-    if (stored && eventStatus.empty()) setEventStatus("tcloaded");
+    // Start-up may end on the network's thread; the status lives on the main queue.
+    if (stored) {
+      mainQueue->post([&eventStatus, setEventStatus] {
+        if (eventStatus.empty()) setEventStatus("tcloaded");
+      });
+    }
     if (manage) facade.showBanner(true);
   });
   mainQueue->post([&printer, started] {
