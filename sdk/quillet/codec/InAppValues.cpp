@@ -1,7 +1,6 @@
 #include "quillet/codec/InAppValues.h"
 
-#include <algorithm>
-#include <map>
+#include "quillet/codec/RestrictionTypes.h"
 
 namespace quillet {
 namespace {
@@ -21,26 +20,6 @@ std::string binary(const VendorSection& section) {
     if (id <= static_cast<std::int64_t>(text.size())) text[static_cast<std::size_t>(id - 1)] = '1';
   });
   return text;
-}
-
-// Purpose id to its restriction text: one character per vendor id from 1.
-std::map<int, std::string> restrictionTexts(const std::vector<PublisherRestriction>& restrictions) {
-  std::map<int, std::string> texts;
-  for (const auto& restriction : restrictions) {
-    if (restriction.vendors.empty()) continue;
-    std::string& text = texts[restriction.purposeId];
-    const auto last = static_cast<std::size_t>(restriction.vendors.last());
-    if (text.size() < last) text.resize(last, '_');
-    const char type = restriction.restrictionType <= 2
-                          ? static_cast<char>('0' + restriction.restrictionType)
-                          : '_';
-    // "0" < "1" < "2" < "_": the strictest restriction of a vendor holds.
-    restriction.vendors.forEach([&](std::int64_t id) {
-      char& at = text[static_cast<std::size_t>(id - 1)];
-      at = std::min(at, type);
-    });
-  }
-  return texts;
 }
 
 }  // namespace
@@ -77,7 +56,11 @@ Result<std::vector<InAppValue>, TCStringError> inAppValues(std::string_view tcSt
   values.push_back(
       {"IABTCF_PublisherCustomPurposesLegitimateInterests",
        publisher ? binary(publisher->customPurposesLegitimateInterests, custom) : std::string()});
-  for (auto& [purposeId, text] : restrictionTexts(tc.publisherRestrictions)) {
+  for (const auto& [purposeId, vendors] : restrictionTypes(tc.publisherRestrictions)) {
+    // One character per vendor id from 1 to the highest restricted one.
+    std::string text(static_cast<std::size_t>(vendors.rbegin()->first), '_');
+    for (const auto& [vendorId, type] : vendors)
+      text[static_cast<std::size_t>(vendorId - 1)] = static_cast<char>('0' + type);
     values.push_back({"IABTCF_PublisherRestrictions" + std::to_string(purposeId), std::move(text)});
   }
   return values;

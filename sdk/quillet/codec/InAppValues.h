@@ -40,11 +40,12 @@ struct InAppValue {
 ///   "IABTCF_PublisherLegitimateInterests" (24), "IABTCF_PublisherCustomPurposesConsents" and
 ///   "IABTCF_PublisherCustomPurposesLegitimateInterests" (NumCustomPurposes); the publisher's
 ///   are empty when the string has no publisher TC segment;
-/// - for each purpose with a publisher restriction of at least one vendor, ascending, "IABTCF_PublisherRestrictions"
-///   and the purpose id: a character per vendor id from 1 to the highest restricted one, "0"
-///   (not allowed), "1" (consent required), "2" (legitimate interest required) or "_" (no
-///   restriction; also for the undefined type 3). Where several restrictions of a purpose name a
-///   vendor, the strictest holds: not allowed, then consent, then legitimate interest.
+/// - for each purpose that restricts at least one vendor, ascending,
+///   "IABTCF_PublisherRestrictions" and the purpose id: a character per vendor id from 1 to the
+///   highest restricted one, "0" (not allowed), "1" (consent required), "2" (legitimate interest
+///   required) or "_" (no restriction; the undefined type 3 restricts nothing). Where several
+///   restrictions of a purpose name a vendor, the strictest holds: not allowed, then consent,
+///   then legitimate interest.
 /// A string the reader refuses gives its error. Thread-safe; allocates the result.
 QUILLET_EXPORT Result<std::vector<InAppValue>, TCStringError> inAppValues(
     std::string_view tcString, const InAppSettings& settings);

@@ -390,14 +390,13 @@ struct VendorIdSetAccess {
           flush();
           word_ = word;
         }
-        bits_ |= (kAll >> (from % 64)) & (kAll << (63 - to % 64));
+        bits_ |= VendorIdSet::wordBits(from, to);
       } else {
         set_.add(from, to);
       }
     }
 
    private:
-    static constexpr std::uint64_t kAll = ~std::uint64_t{0};
     void flush() {
       if (bits_ != 0) set_.addWord(word_, bits_);
       bits_ = 0;

@@ -14,10 +14,7 @@ VendorIdSet VendorIdSet::of(std::span<const std::int64_t> ids) {
 }
 
 void VendorIdSet::cover(std::uint32_t low, std::uint32_t high) {
-  if (wordCount_ == 0) {
-    firstWord_ = low;
-    wordCount_ = 0;
-  }
+  if (wordCount_ == 0) firstWord_ = low;
   const std::uint32_t oldFirst = firstWord_;
   const std::uint32_t oldCount = wordCount_;
   const std::uint32_t newFirst = std::min(low, oldFirst);

@@ -101,15 +101,20 @@ class QUILLET_EXPORT VendorIdSet {
     heap_.clear();
     wordCount_ = 0;
   }
+  // The bits of ids from + 1 to to + 1 in their word (from <= to, both in one word).
+  static std::uint64_t wordBits(std::uint64_t from, std::uint64_t to) noexcept {
+    constexpr std::uint64_t kAll = ~std::uint64_t{0};
+    return (kAll >> (from % 64)) & (kAll << (63 - to % 64));
+  }
   // Sets the bits of ids from + 1 to to + 1 (from <= to) in a window starting at word 0.
   static void fill(std::uint64_t* words, std::uint64_t from, std::uint64_t to) noexcept {
     constexpr std::uint64_t kAll = ~std::uint64_t{0};
-    const std::uint64_t head = kAll >> (from % 64);     // from `from` to the end of its word
-    const std::uint64_t tail = kAll << (63 - to % 64);  // from the start of its word to `to`
     if (from / 64 == to / 64) {
-      words[from / 64] |= head & tail;
+      words[from / 64] |= wordBits(from, to);
       return;
     }
+    const std::uint64_t head = kAll >> (from % 64);     // from `from` to the end of its word
+    const std::uint64_t tail = kAll << (63 - to % 64);  // from the start of its word to `to`
     words[from / 64] |= head;
     for (std::uint64_t w = from / 64 + 1; w < to / 64; ++w)
       words[w] = kAll;

@@ -1,9 +1,8 @@
 #include "quillet/core/TcfApi.h"
 
-#include <algorithm>
-#include <map>
-
 #include <boost/json.hpp>
+
+#include "quillet/codec/RestrictionTypes.h"
 
 namespace quillet {
 namespace {
@@ -24,17 +23,8 @@ boost::json::object idMap(const VendorSection& section) {
 }
 
 boost::json::object restrictions(const std::vector<PublisherRestriction>& all) {
-  std::map<int, std::map<std::int64_t, int>> types;
-  for (const auto& restriction : all) {
-    if (restriction.restrictionType > 2) continue;  // the undefined type restricts nothing
-    auto& vendors = types[restriction.purposeId];
-    restriction.vendors.forEach([&](std::int64_t id) {
-      const auto [at, added] = vendors.emplace(id, restriction.restrictionType);
-      if (!added) at->second = std::min(at->second, restriction.restrictionType);
-    });
-  }
   boost::json::object out;
-  for (const auto& [purpose, vendors] : types) {
+  for (const auto& [purpose, vendors] : restrictionTypes(all)) {
     boost::json::object byVendor;
     for (const auto& [vendor, type] : vendors)
       byVendor[std::to_string(vendor)] = type;
