@@ -352,6 +352,12 @@ TEST(VendorIdSet, AgreesWithAPlainSetOfIds) {
       EXPECT_NE(moved, set);
     }
   }
+  // Ids outside 1...65535 are left out; the last ids grow the inline words downwards.
+  EXPECT_EQ(VendorIdSet::of(std::vector<std::int64_t>{0, 5, 70000, -3}).ids(),
+            std::vector<std::int64_t>{5});
+  VendorIdSet top = VendorIdSet::of(std::vector<std::int64_t>{65535});
+  top.insert(65400, 65400);
+  EXPECT_EQ(top.ids(), (std::vector<std::int64_t>{65400, 65535}));
 }
 
 }  // namespace
