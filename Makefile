@@ -2,7 +2,8 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo codec-demo bench fuzz lint docs format tsan clean
+.PHONY: all deps build test demo codec-demo bench fuzz fuzz-campaign differential lint docs format \
+  tsan clean
 
 all: build
 
@@ -59,6 +60,12 @@ FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?=
 fuzz: deps
 	FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz $(FUZZ_TARGETS)
+
+# Variants of the real TC Strings read by `quillet decode` and by the IAB's reference library;
+# every kind of disagreement is printed with its verdict from docs/differential.md.
+VARIANTS ?= 100000
+differential: build
+	node tests/interop/differential.mjs build/release/cli/quillet testdata --variants $(VARIANTS)
 
 # clang-tidy with .clang-tidy over every source file; fails on any warning.
 lint: deps

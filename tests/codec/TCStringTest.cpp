@@ -162,6 +162,25 @@ TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
               ElementsAre("ConsentLanguage letter value 26 is not a letter A to Z"));
   // Segment type 0 names the core; a second one is ignored with a warning.
   EXPECT_THAT(TCString::parse(core + ".AA==")->warnings, ElementsAre(HasSubstr("segment type 0")));
+  // Restrictions on purpose 0 or of the undefined type 3 are read, with a warning each.
+  BitWriter restricted;
+  restricted.write(2, 6);
+  restricted.write(0, 36 + 36 + 12 + 12 + 6 + 12 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12);
+  restricted.write(0, 17 * 2);
+  restricted.write(3, 12);
+  for (const auto& [purpose, type] : {std::pair{0, 1}, {2, 3}, {1, 2}}) {
+    restricted.write(purpose, 6);
+    restricted.write(type, 2);
+    restricted.write(1, 12);
+    restricted.write(0, 1);
+    restricted.write(7, 16);
+  }
+  const auto odd = TCString::parse(base64URLEncodedString(restricted.data()));
+  ASSERT_TRUE(odd);
+  EXPECT_EQ(odd->publisherRestrictions.size(), 3U);
+  EXPECT_THAT(odd->warnings,
+              ElementsAre("PubRestrictions: a restriction names purpose 0, which is not a purpose",
+                          "PubRestrictions: purpose 2 has restriction type 3, which is undefined"));
 }
 
 TEST(TCString, RangesInAnyOrderOrOverlappingGiveAscendingIdsOnce) {

@@ -8,6 +8,7 @@ import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import { GVL, Segment, TCModel, TCString } from '@iabtechlabtcf/core';
+import { ids } from './reference.mjs';
 
 const cli = process.env.QUILLET_CLI;
 const testdata = process.env.QUILLET_TESTDATA_DIR;
@@ -17,12 +18,6 @@ function quillet(args, input) {
   const run = spawnSync(cli, args, { input, encoding: 'utf8' });
   assert.equal(run.status, 0, run.stderr);
   return run.stdout.trim();
-}
-
-function ids(vector) {
-  const out = [];
-  vector.forEach((value, id) => { if (value) out.push(id); });
-  return out.sort((a, b) => a - b);
 }
 
 // Lists of every shape: dense runs (a range is shorter), scattered ids (a bit field is), one id.

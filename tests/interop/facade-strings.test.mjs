@@ -8,6 +8,7 @@ import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
 import { TCString } from '@iabtechlabtcf/core';
+import { ids } from './reference.mjs';
 
 const tool = process.env.QUILLET_FACADE_TOOL;
 const testdata = process.env.QUILLET_TESTDATA_DIR;
@@ -16,11 +17,6 @@ assert.ok(tool && testdata, 'QUILLET_FACADE_TOOL and QUILLET_TESTDATA_DIR must b
 const listFile = path.join(testdata, 'gvl-v3-106.json');
 const gvl = JSON.parse(fs.readFileSync(listFile, 'utf8'));
 
-function ids(vector) {
-  const out = [];
-  vector.forEach((value, id) => { if (value) out.push(id); });
-  return out.sort((a, b) => a - b);
-}
 const ascending = (list) => [...new Set(list)].sort((a, b) => a - b);
 const integers = (list) => (Array.isArray(list) && list.every(Number.isInteger) ? list : []);
 

@@ -523,6 +523,16 @@ template <int Offset, class Read>
   }
 }
 
+[[gnu::cold]] [[gnu::noinline]] void warnOnRestriction(const PublisherRestriction& restriction,
+                                                       std::vector<std::string>& warnings) {
+  if (restriction.purposeId == 0)
+    warnings.emplace_back("PubRestrictions: a restriction names purpose 0, which is not a purpose");
+  if (restriction.restrictionType == 3) {
+    warnings.push_back("PubRestrictions: purpose " + std::to_string(restriction.purposeId) +
+                       " has restriction type 3, which is undefined");
+  }
+}
+
 // Under policy version 4 and later, purposes 3 to 6 may not rest on legitimate interest.
 inline void checkLegitimateInterestPolicy(int policyVersion, IdMask<24> purposes,
                                           std::string_view where,
@@ -614,6 +624,9 @@ void readCore(SegmentBits& bits, TCString& tc) {
     restriction.restrictionType =
         static_cast<int>(bits.read(2, "PubRestrictions", "RestrictionType"));
     readRangeEntries(bits, "PubRestrictions", std::nullopt, restriction.vendors);
+    if ((restriction.purposeId == 0 || restriction.restrictionType == 3) && !bits.failed())
+        [[unlikely]]
+      warnOnRestriction(restriction, tc.warnings);
   }
   if (!bits.failed()) {
     checkLegitimateInterestPolicy(tc.policyVersion, tc.purposeLegitimateInterests, "core",
