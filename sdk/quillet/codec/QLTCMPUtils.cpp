@@ -101,13 +101,15 @@ void writeVendorSectionHeader(BitWriter& writer, std::int64_t maxId, std::string
   if (maxId == 0) fatalError(std::string(caller) + ": no vendor ids (MaxVendorId 0)");
 }
 
-// Ids 1...length whose bit is set, read from the position on. Bits are taken 64 at a time while
-// that many remain, then one by one; bits missing at the end yield no ids.
+// Ids 1...length whose bit is set, read from the position on, up to 64 bits at a time; bits
+// missing at the end yield no ids.
 std::vector<std::int64_t> idsOfSetBits(BitReader& reader, std::int64_t length) {
   std::vector<std::int64_t> ids;
   std::int64_t id = 1;
   while (id <= length) {
-    const std::int64_t width = std::min<std::int64_t>(64, length - id + 1);
+    const std::int64_t width =
+        std::min<std::int64_t>({64, length - id + 1, reader.remainingBits()});
+    if (width <= 0) break;
     const std::optional<std::uint64_t> chunk = reader.readUInt(width);
     if (!chunk) break;
     for (std::uint64_t rest = *chunk << (64 - width); rest != 0;) {
@@ -116,9 +118,6 @@ std::vector<std::int64_t> idsOfSetBits(BitReader& reader, std::int64_t length) {
       rest &= ~(std::uint64_t{1} << (63 - leading));
     }
     id += width;
-  }
-  for (; id <= length; ++id) {
-    if (reader.readBit().value_or(false)) ids.push_back(id);
   }
   return ids;
 }
