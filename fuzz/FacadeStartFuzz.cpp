@@ -1,7 +1,7 @@
 // The facade's start-up applying an arbitrary configuration and vendor list (separated by a line
 // "--"), served by an in-process HTTP client. Inputs whose vendor list repeats a legitimate-
 // interest purpose of a vendor reach a defined stop and are skipped, as are reject-all strings
-// for a vendor list without vendor ids.
+// for a vendor list without vendor ids or with a negative version or policy version.
 
 #include <algorithm>
 #include <condition_variable>
@@ -116,10 +116,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (facade->isConfigLoaded()) {
     if (facade->rawVendors().size() != facade->vendors().size())
       fuzz::fail("the raw vendor entries do not match the vendors");
-    // A vendor list without vendor ids, or with a negative largest one, reaches the encoder's
-    // defined stop: skipped.
+    // A vendor list without vendor ids, with a negative largest one, or with a negative version
+    // or policy version reaches the encoder's defined stop: skipped.
     const auto ids = VendorList::integerKeys(VendorList::vendors(*facade->gvl()));
-    if (!ids.empty() && *std::max_element(ids.begin(), ids.end()) > 0) {
+    const auto facts = VendorList::facts(*facade->gvl());
+    if (!ids.empty() && *std::max_element(ids.begin(), ids.end()) > 0 &&
+        facts.vendorListVersion >= 0 && facts.policyVersion >= 0) {
       const auto rejectAll = facade->makeTCStringRejectAll();
       if (!rejectAll || rejectAll->empty()) fuzz::fail("no reject-all string for a loaded list");
     }
