@@ -67,6 +67,12 @@ VARIANTS ?= 100000
 differential: build
 	node tests/interop/differential.mjs build/release/cli/quillet testdata --variants $(VARIANTS)
 
+# A fuzz campaign: FUZZ_MINUTES (default 10) per target, two targets at a time, each target's
+# grown corpus minimised into fuzz/corpus/<target>/ and its runs added to fuzz/campaigns.tsv.
+FUZZ_MINUTES ?= 10
+fuzz-campaign: deps
+	FUZZ_MINUTES=$(FUZZ_MINUTES) ./scripts/fuzz-campaign $(FUZZ_TARGETS)
+
 # clang-tidy with .clang-tidy over every source file; fails on any warning.
 lint: deps
 	./scripts/lint
