@@ -14,12 +14,13 @@ build: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-# Release, AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer builds, every test
-# in each (the soak tests not under ThreadSanitizer); then the API reference, failing on any
-# warning. `make lint` is separate: it adds about 7 minutes on 2 cores.
+# clang-tidy over every source, then the release, AddressSanitizer + UndefinedBehaviorSanitizer,
+# and ThreadSanitizer builds with every test in each (the soak tests not under ThreadSanitizer);
+# then the API reference. Each step fails on any warning.
 test: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
+	./scripts/lint
 	ctest --preset release -j $(JOBS)
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)

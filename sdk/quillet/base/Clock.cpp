@@ -1,5 +1,7 @@
 #include "quillet/base/Clock.h"
 
+#include <new>
+
 namespace quillet {
 namespace {
 
@@ -13,7 +15,9 @@ class SystemClock final : public Clock {
 }  // namespace
 
 const Clock& systemClock() noexcept {
-  static const SystemClock* const clock = new SystemClock();  // read by threads at exit too
+  // Built in static storage and never destroyed: threads still read it while the process exits.
+  alignas(SystemClock) static unsigned char storage[sizeof(SystemClock)];
+  static const SystemClock* const clock = ::new (static_cast<void*>(storage)) SystemClock();
   return *clock;
 }
 

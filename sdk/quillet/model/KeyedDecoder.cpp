@@ -1,5 +1,7 @@
 #include "quillet/model/KeyedDecoder.h"
 
+#include <new>
+
 #include "quillet/model/Json.h"
 
 namespace quillet {
@@ -20,7 +22,9 @@ KeyedDecoder::KeyedDecoder(const boost::json::value& value, std::string path)
 }
 
 const std::string& KeyedDecoder::error() const noexcept {
-  static const std::string* const kNone = new std::string();  // outlives every thread
+  // Built in static storage and never destroyed: it outlives every thread.
+  alignas(std::string) static unsigned char storage[sizeof(std::string)];
+  static const std::string* const kNone = ::new (static_cast<void*>(storage)) std::string();
   return error_ ? *error_ : *kNone;
 }
 
