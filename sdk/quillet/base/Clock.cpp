@@ -1,6 +1,6 @@
 #include "quillet/base/Clock.h"
 
-#include <new>
+#include "quillet/base/NeverDestroyed.h"
 
 namespace quillet {
 namespace {
@@ -15,10 +15,8 @@ class SystemClock final : public Clock {
 }  // namespace
 
 const Clock& systemClock() noexcept {
-  // Built in static storage and never destroyed: threads still read it while the process exits.
-  alignas(SystemClock) static unsigned char storage[sizeof(SystemClock)];
-  static const SystemClock* const clock = ::new (static_cast<void*>(storage)) SystemClock();
-  return *clock;
+  static const NeverDestroyed<SystemClock> clock;  // read by threads at exit too
+  return clock.get();
 }
 
 }  // namespace quillet

@@ -1,7 +1,6 @@
 #include "quillet/model/KeyedDecoder.h"
 
-#include <new>
-
+#include "quillet/base/NeverDestroyed.h"
 #include "quillet/model/Json.h"
 
 namespace quillet {
@@ -22,10 +21,8 @@ KeyedDecoder::KeyedDecoder(const boost::json::value& value, std::string path)
 }
 
 const std::string& KeyedDecoder::error() const noexcept {
-  // Built in static storage and never destroyed: it outlives every thread.
-  alignas(std::string) static unsigned char storage[sizeof(std::string)];
-  static const std::string* const kNone = ::new (static_cast<void*>(storage)) std::string();
-  return error_ ? *error_ : *kNone;
+  static const NeverDestroyed<std::string> kNone;  // outlives every thread
+  return error_ ? *error_ : kNone.get();
 }
 
 void KeyedDecoder::fail(std::string message) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "quillet/base/NeverDestroyed.h"
 #include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorModel.h"
@@ -9,9 +10,9 @@
 namespace quillet::VendorList {
 
 const boost::json::object& vendors(const boost::json::object& gvl) {
-  static const boost::json::object* const kNone = new boost::json::object();  // outlives threads
+  static const NeverDestroyed<boost::json::object> kNone;  // outlives threads
   const boost::json::object* found = Json::object(Json::member(gvl, "vendors"));
-  return found != nullptr ? *found : *kNone;
+  return found != nullptr ? *found : kNone.get();
 }
 
 std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
