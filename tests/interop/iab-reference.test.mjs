@@ -8,7 +8,7 @@ import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import { TCString } from '@iabtechlabtcf/core';
-import { ids, ourFields, referenceFields, withoutPadding } from './reference.mjs';
+import { generator, ids, ourFields, referenceFields, withoutPadding } from './reference.mjs';
 
 const cli = process.env.QUILLET_CLI;
 const testdata = process.env.QUILLET_TESTDATA_DIR;
@@ -29,15 +29,6 @@ function encode(parameters) {
 // What the encoder keeps of an id list: ids 1..max, each once, ascending.
 function kept(list, max) {
   return [...new Set(list.filter((id) => id >= 1 && id <= max))].sort((a, b) => a - b);
-}
-
-// A small deterministic generator so that failures can be reproduced.
-function generator(seed) {
-  let state = seed >>> 0;
-  return (below) => {
-    state = (Math.imul(state, 1664525) + 1013904223) >>> 0;
-    return state % below;
-  };
 }
 
 function randomList(next, below, count) {

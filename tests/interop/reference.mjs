@@ -1,6 +1,17 @@
 // What the IAB's reference TC String library and `quillet decode` read from a string, in one
 // comparable form: the fields both name, with id lists ascending and restrictions as sorted
-// "purpose/type:vendors" texts. Shared by the interop tests and the differential run.
+// "purpose/type:vendors" texts. Shared by the interop tests and the differential run, with the
+// seeded generator both use.
+
+// A small deterministic generator, so that a failure can be reproduced: each call gives an
+// integer in 0...below-1.
+export function generator(seed) {
+  let state = seed >>> 0;
+  return (below) => {
+    state = (Math.imul(state, 1664525) + 1013904223) >>> 0;
+    return state % below;
+  };
+}
 
 // Ids whose flag is set in one of the reference library's vectors, ascending.
 export function ids(vector) {
