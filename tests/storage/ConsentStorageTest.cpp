@@ -33,14 +33,6 @@ class ConsentStorageTest : public ::testing::TestWithParam<std::string> {
   std::shared_ptr<KeyValueStore> store_;
 };
 
-TEST_P(ConsentStorageTest, NothingSavedReadsAsTheDefaults) {
-  EXPECT_FALSE(ConsentStorage::getConsent());
-  EXPECT_EQ(ConsentStorage::getTCString(), std::nullopt);
-  EXPECT_EQ(ConsentStorage::loadGVL(), std::nullopt);
-  EXPECT_EQ(ConsentStorage::getConfigVersion(), 0);
-  EXPECT_EQ(ConsentStorage::getVendorListVersion(), 0);
-}
-
 TEST_P(ConsentStorageTest, SavingWithoutAStringClearsTheOldOne) {
   ConsentStorage::saveConsent(false, "CQ-old");
   EXPECT_FALSE(ConsentStorage::getConsent());
@@ -85,7 +77,7 @@ TEST_P(ConsentStorageTest, ResetForgetsConsentButKeepsDeviceAndSpecialFeatures) 
   EXPECT_EQ(ConsentStorage::getConfigVersion(), 7);
   EXPECT_EQ(ConsentStorage::getVendorListVersion(), 106);
 
-  ConsentStorage::resetConsent();
+  ConsentStorage::resetConsent();  // as if nothing had been saved
   EXPECT_FALSE(ConsentStorage::getConsent());
   EXPECT_EQ(ConsentStorage::getTCString(), std::nullopt);
   EXPECT_EQ(ConsentStorage::loadGVL(), std::nullopt);
