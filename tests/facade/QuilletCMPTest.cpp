@@ -306,6 +306,15 @@ TEST_F(QuilletCMPTest, RejectAllStringWaitsForTheFetchAndStoresNothing) {
   EXPECT_EQ(server_.count("/api/v1/consent"), 0U);
 }
 
+TEST_F(QuilletCMPTest, AFacadeReleasedDuringItsFetchStillCompletes) {
+  server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig, .delay = 200ms});
+  std::atomic<int> completed{0};
+  facade_->initialize("pub", [&completed] { ++completed; });
+  facade_.reset();
+  EXPECT_TRUE(pumpUntil([&] { return completed.load() == 1; }));
+  EXPECT_EQ(host_->count(), 0U);
+}
+
 TEST_F(QuilletCMPTest, ShowBannerFromAnotherThreadPresentsOnTheMainQueue) {
   std::atomic<int> completed{0};
   startUntilBanner(completed);
@@ -329,11 +338,13 @@ TEST_F(QuilletCMPTest, StoredConsentSuppressesTheBannerAndForceOpensTheStoredCho
               Contains("[INFO] [QLT-CMP:QuilletCMP] banner suppressed – consent already stored"));
 
   VendorConsentStore::shared().replaceStates({});
+  SpecialFeatureConsentStore::shared().replaceVendorStates({});  // as in a new process
   facade_->showBanner(true);
   ASSERT_TRUE(pumpUntil([&] { return host_->count() == 2; }));
   EXPECT_TRUE(host_->presented()[1].secondLayer);
   EXPECT_EQ(VendorConsentStore::shared().states(),
             (ConsentFlags{{8, true}, {10, true}, {755, true}}));
+  EXPECT_TRUE(SpecialFeatureConsentStore::shared().vendorState(2, 755));  // as persisted
   // The second layer hands its outcome to the same handler.
   host_->decide(ConsentAction::rejectAll());
   EXPECT_FALSE(store_->readBool(StorageKeys::consent));
