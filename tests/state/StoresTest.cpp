@@ -41,6 +41,10 @@ TEST(NotificationCenter, DeliversInOrderOnThePostingThreadUntilTheTokenGoes) {
   first.reset();
   center.post("n", {{"id", std::int64_t{8}}, {"on", false}});
   EXPECT_THAT(seen, ElementsAre("first 7 on", "second", "second"));
+  EXPECT_TRUE(center.observed("other"));
+  other.reset();
+  EXPECT_FALSE(center.observed("other"));
+  EXPECT_FALSE(center.observed("never"));
   const Notification probe{"x", {{"id", std::int64_t{1}}}};
   EXPECT_EQ(probe.boolean("id"), std::nullopt);  // an integer is not a boolean
   EXPECT_EQ(probe.integer("missing"), std::nullopt);
@@ -60,6 +64,12 @@ TEST(NotificationCenter, ObserversMayPostAndUnsubscribeFromTheirOwnCallback) {
   center.post("outer");
   center.post("outer");
   EXPECT_EQ(outer, 1);
+  EXPECT_EQ(inner, 1);
+  // An observer removed by one called before it in the same post is not called.
+  NotificationCenter::Token later;
+  auto first = center.addObserver("n", [&](const Notification&) { later.reset(); });
+  later = center.addObserver("n", [&](const Notification&) { ++inner; });
+  center.post("n");
   EXPECT_EQ(inner, 1);
 }
 
