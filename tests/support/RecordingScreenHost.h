@@ -41,7 +41,8 @@ class RecordingScreenHost final : public ScreenHost {
     std::lock_guard lock(mutex_);
     return presented_.size();
   }
-  std::vector<Update::Kind> updates() const {
+  /// Each update as its kind, the screen's title and "animated" for an animated transition.
+  std::vector<std::string> updates() const {
     std::lock_guard lock(mutex_);
     return updates_;
   }
@@ -75,7 +76,11 @@ class RecordingScreenHost final : public ScreenHost {
   void update(const Update& update) override {
     {
       std::lock_guard lock(mutex_);
-      updates_.push_back(update.kind);
+      static constexpr const char* kKinds[] = {"presented", "dismissed", "changed"};
+      updates_.push_back(
+          std::string(kKinds[static_cast<int>(update.kind)]) + " " + update.screen->title() +
+          (update.kind != Update::Kind::changed && update.presentation.animated ? " animated"
+                                                                                : ""));
     }
     if (update.kind != Update::Kind::presented) return;
     const auto screen = topScreen();
@@ -97,7 +102,7 @@ class RecordingScreenHost final : public ScreenHost {
  private:
   mutable std::mutex mutex_;
   std::vector<Presented> presented_;
-  std::vector<Update::Kind> updates_;
+  std::vector<std::string> updates_;
   std::vector<std::string> opened_;
 };
 

@@ -78,11 +78,13 @@ class Screens : public testing::ScreenFixture {
                     (document.compare(at + 14, 4, "true") == 0 ? "+" : "-");
       }
     }
+    const auto updates = host_->updates();
     return {{"screens", shown},
             {"handed", text(actions_)},
             {"completed", text(completions_) + " finished " + std::to_string(finished_)},
             {"switches", switches},
-            {"updates", std::to_string(host_->updates().size())}};
+            {"updates", std::to_string(updates.size()) +
+                            (updates.empty() ? "" : ", last: " + updates.back())}};
   }
 
   static std::string text(const std::vector<ConsentAction>& actions) {
@@ -172,14 +174,15 @@ TEST_F(Screens, CustomizeNeedsPurposesAndVendors) {
 }
 
 // Save closes both layers and hands on what is switched on; the banner's own completion is for its
-// own buttons. A segment that does not exist is ignored.
+// own buttons. A segment that does not exist and a link to nothing are ignored.
 TEST_F(Screens, SaveHandsTheSwitchedOnListsToTheHandler) {
   openSecondLayer(testing::screenVendorList());
   tap("quillet://save");
   openSecondLayer(testing::screenVendorList());
-  for (const char* link : {"quillet://purpose-consent/3", "quillet://segment/1",
-                           "quillet://vendor/755", "quillet://vendor/8", "quillet://vendor/8",
-                           "quillet://vendor-details/99", "quillet://segment/7", "quillet://save"})
+  for (const char* link :
+       {"quillet://nothing", "quillet://purpose-consent/3", "quillet://segment/1",
+        "quillet://vendor/755", "quillet://vendor/8", "quillet://vendor/8",
+        "quillet://vendor-details/99", "quillet://segment/7", "quillet://save"})
     tap(link);
   expectWalk("save");
 }
