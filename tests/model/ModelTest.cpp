@@ -1,0 +1,172 @@
+// Every record reader on the documents of testdata/model-documents.txt, each result written out
+// whole with the log lines it caused, against testdata/golden/model-documents.txt.
+
+#include <gtest/gtest.h>
+
+#include "quillet/model/BrandingConfig.h"
+#include "quillet/model/ConsentSelections.h"
+#include "quillet/model/DeviceStorageDisclosure.h"
+#include "quillet/model/PurposeModel.h"
+#include "quillet/model/VendorList.h"
+#include "quillet/model/VendorModel.h"
+
+#include "support/Cases.h"
+#include "support/RecordingLogSink.h"
+
+namespace quillet {
+namespace {
+
+template <class T>
+std::string text(const std::optional<T>& value) {
+  if (!value) return "-";
+  if constexpr (std::is_same_v<T, std::string>) {
+    return "\"" + *value + "\"";
+  } else if constexpr (std::is_same_v<T, std::int64_t>) {
+    return std::to_string(*value);
+  } else {
+    std::string out = "[";
+    for (const auto& id : *value)
+      out += (out.size() > 1 ? "," : "") + std::to_string(id);
+    return out + "]";
+  }
+}
+std::string text(const std::vector<std::int64_t>& ids) {
+  return text(std::optional(ids));
+}
+
+std::string config(const boost::json::object& json) {
+  const auto c = BrandingConfig::init(json);
+  if (!c) return "no configuration\n";
+  return "logo " + text(c->logoUrl()) + " colour " + text(c->brandColor()) + " privacy " +
+         text(c->privacyUrl()) + " layout " + text(c->layout()) + " text " + text(c->bannerText()) +
+         "\nreject " + std::to_string(c->showRejectButton()) + " customise " +
+         std::to_string(c->showCustomizeButton()) + " accept " + text(c->acceptButtonText()) +
+         " reject " + text(c->rejectButtonText()) + " manage " + text(c->manageButtonText()) +
+         " link " + text(c->customizeLinkId()) + "\nvendors " + text(c->selectedVendorIds()) +
+         " purposes " + text(c->selectedPurposesIds()) + " list version " +
+         text(c->vendorListVersion()) + " config version " + text(c->configVersion()) +
+         " country " + text(c->publisherCC()) + "\n";
+}
+
+// Each record on a line; a record whose keyed form does not read back as itself says so.
+template <class Model>
+std::string records(const std::vector<Model>& models) {
+  std::string out;
+  for (const auto& m : models) {
+    out += std::to_string(m.id()) + " \"" + m.name() + "\"";
+    if constexpr (std::is_same_v<Model, PurposeModel>) {
+      out += " " + text(m.description());
+    } else {
+      out +=
+          " " + text(m.policyUrl()) + " " + text(m.purposes()) + " li " + text(m.legIntPurposes());
+    }
+    const auto back = Model::fromJson(m.toJson());
+    out += back && *back == m ? "\n" : " (keyed form differs)\n";
+  }
+  return out;
+}
+
+std::string disclosure(const Result<DeviceStorageDisclosure>& d) {
+  if (!d) return "refused: " + d.error() + "\n";
+  std::string out = d->disclosures ? "" : "no disclosures\n";
+  for (const auto& e : d->disclosures.value_or(std::vector<DeviceStorageDisclosure::Entry>{})) {
+    out += "\"" + e.identifier + "\" " + e.type + " " + std::to_string(e.maxAgeSeconds) + " s" +
+           (e.cookieRefresh ? " refreshed" : "") + " " + text(e.purposes) + " domains";
+    for (const auto& domain : e.domains)
+      out += " \"" + domain + "\"";
+    out += "\n";
+  }
+  if (!d->domains) return out + "no domains\n";
+  for (const auto& domain : *d->domains)
+    out += "domain \"" + domain.domain + "\" use " + text(domain.use) + "\n";
+  return out;
+}
+
+std::string selections(const boost::json::object& json) {
+  const auto loose = ConsentSelections::init(json);
+  std::string out = "init " + text(loose->purposeIds) + " " + text(loose->vendorIds) + "\n";
+  const auto keyed = ConsentSelections::fromJson(json);
+  if (!keyed) return out + "keyed: " + keyed.error() + "\n";
+  const bool same = ConsentSelections::fromJson(keyed->toJson()).value() == *keyed;
+  return out + "keyed " + Json::print(keyed->toJson()) + (same ? "\n" : " (keyed form differs)\n");
+}
+
+std::string jsonReaders(const boost::json::object& json) {
+  std::string out;
+  for (const auto& [key, value] : json) {
+    out += std::string(key) + ": exact " + text(Json::exactInteger(&value)) + " truncated " +
+           text(Json::truncatedInteger(&value)) + " element " + text(Json::idListElement(&value)) +
+           " array " + text(Json::exactIntegerArray(&value)) + " members " +
+           text(Json::integerMembers(&value)) + "\n";
+  }
+  return out;
+}
+
+std::string facts(const boost::json::object& json) {
+  const auto f = VendorList::facts(json);
+  return "vendors " + text(f.vendorIds) + " largest " + std::to_string(f.largestVendorId()) +
+         " version " + std::to_string(f.vendorListVersion) + " policy " +
+         std::to_string(f.policyVersion) + " feature ids " + text(f.specialFeatureIds) + " keys " +
+         text(f.specialFeatureKeys) + "\n";
+}
+
+// A real vendor list: its counts, every vendor without a selection or with an empty one, and the
+// records a selection with a repeated and an unknown id gives.
+std::string realList(const std::string& file) {
+  const auto gvl = testing::jsonObject(testing::testdataText(file));
+  const auto purposes = PurposeModel::parse(gvl);
+  std::string out = std::to_string(purposes.size()) + " purposes, first " +
+                    records(std::vector{purposes.front()});
+  for (const char* selection : {"{}", R"({"selectedVendorIds": []})"}) {
+    const auto config = BrandingConfig::init(testing::jsonObject(selection)).value();
+    out +=
+        std::to_string(VendorModel::parse(gvl, config).size()) + " vendors for " + selection + "\n";
+  }
+  const auto config =
+      BrandingConfig({.selectedVendorIds = std::vector<std::int64_t>{755, 8, 999999, 8}});
+  return out + records(VendorModel::parse(gvl, config));
+}
+
+TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
+  std::string all;
+  for (const auto& [title, body] : testing::cases("model-documents.txt")) {
+    const std::string kind = title.substr(0, title.find(':'));
+    all += "== " + title + "\n";
+    if (kind.starts_with("list ")) {
+      all += realList(kind.substr(5));
+      continue;
+    }
+    if (kind.starts_with("disclosure file ")) {
+      all += disclosure(DeviceStorageDisclosure::decode(testing::testdataText(kind.substr(16))));
+      continue;
+    }
+    const testing::LogCapture log;
+    if (kind == "disclosure") {
+      all += disclosure(DeviceStorageDisclosure::decode(body));
+    } else if (kind == "keyed purpose" || kind == "keyed vendor") {
+      const auto json = Json::parse(body).value();
+      const auto one = [](const auto& read) {
+        if (!read) return "refused: " + read.error() + "\n";
+        return records(std::vector{*read}) + Json::print(read->toJson()) + "\n";
+      };
+      all += kind == "keyed purpose" ? one(PurposeModel::fromJson(json))
+                                     : one(VendorModel::fromJson(json));
+    } else {
+      const auto json = testing::jsonObject(body);
+      if (kind == "config") all += config(json);
+      if (kind == "purposes") all += records(PurposeModel::parse(json));
+      if (kind == "vendors") all += records(VendorModel::parse(json, *BrandingConfig::init(json)));
+      if (kind == "selections") all += selections(json);
+      if (kind == "json") all += jsonReaders(json);
+      if (kind == "facts") all += facts(json);
+    }
+    for (const auto& line : log.lines())
+      all += "log " + line + "\n";
+  }
+  EXPECT_TRUE(testing::matchesGolden("model-documents.txt", all));
+  EXPECT_FALSE(Json::parse("{} trailing") || Json::parse("") || Json::parse("{"));
+  EXPECT_EQ(BrandingConfig({.publisherCC = "fr"}).publisherCC(), "FR");
+}
+
+}  // namespace
+}  // namespace quillet
