@@ -22,7 +22,7 @@ using Outcome = testing::ChildProcess::Result;
 // Runs the quillet command with `args`, feeding `input` on standard input.
 Outcome quillet(std::vector<std::string> args, const std::string& input = "") {
   args.insert(args.begin(), QUILLET_CLI_PATH);
-  return testing::runProcess(std::move(args), input);
+  return testing::runProcess(args, input);
 }
 
 std::vector<boost::json::object> jsonLines(const std::string& text) {

@@ -5,9 +5,11 @@
 
 #include <sys/types.h>
 
+#include "support/TempDirectory.h"
+
 namespace quillet::testing {
 
-/// Another process with its standard input, output and error on pipes.
+/// Another process, its standard input read from a given text and its outputs kept in files.
 class ChildProcess {
  public:
   struct Result {
@@ -17,29 +19,29 @@ class ChildProcess {
   };
 
   /// Starts `argv[0]` with the arguments that follow; the environment is inherited.
-  explicit ChildProcess(std::vector<std::string> argv);
+  explicit ChildProcess(const std::vector<std::string>& argv, const std::string& input = "");
   /// Kills and reaps the process if it still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  bool started() const noexcept { return pid_ > 0; }
   void kill();
-  /// Reads standard output until it holds `lines` line ends or ends; what was read is kept for
-  /// `finish`. Returns whether that many lines came.
+  /// Waits until standard output holds `lines` line ends; false when the process ends first.
   bool awaitLines(std::size_t lines);
-  /// Writes `input` and closes standard input, reads both outputs to their end, and waits.
-  Result finish(const std::string& input = "");
+  /// Waits for the end of the process.
+  Result finish();
 
  private:
+  /// Waits for the end (`options` as for waitpid); true once it has ended.
+  bool reap(int options);
+
+  TempDirectory files_;
   pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-  int err_ = -1;
-  std::string early_;  ///< standard output read before `finish`
+  int status_ = -1;
 };
 
 /// Runs a program to its end.
-ChildProcess::Result runProcess(std::vector<std::string> argv, const std::string& input = "");
+ChildProcess::Result runProcess(const std::vector<std::string>& argv,
+                                const std::string& input = "");
 
 }  // namespace quillet::testing
