@@ -151,8 +151,10 @@ bool TestServer::waitFor(const std::string& path, std::size_t n,
                          std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return arrived_.wait_for(lock, timeout, [&] {
-    const auto it = counts_.find(path);
-    return (it == counts_.end() ? 0 : it->second) >= n;
+    std::size_t count = 0;
+    for (const auto& [seen, times] : counts_)
+      count += path.empty() || seen == path ? times : 0;
+    return count >= n;
   });
 }
 

@@ -63,7 +63,8 @@ class TestServer {
   /// Off: requests are only counted, not kept (long runs whose memory is measured).
   void keepRequests(bool keep);
   std::size_t count(const std::string& path) const;
-  /// Waits until `n` requests to `path` have arrived, or `timeout`; true when they did.
+  /// Waits until `n` requests to `path` (to any path when it is empty) have arrived, or
+  /// `timeout`; true when they did.
   bool waitFor(const std::string& path, std::size_t n,
                std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
