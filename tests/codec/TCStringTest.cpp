@@ -3,27 +3,32 @@
 #include <set>
 #include <sstream>
 
+#include <boost/json/parse.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "quillet/codec/Base64Url.h"
+#include "quillet/codec/BitReader.h"
 #include "quillet/codec/BitWriter.h"
 #include "quillet/codec/InAppValues.h"
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 
 #include "TestStrings.h"
-#include "support/TestData.h"
+#include "support/Cases.h"
+#include "support/RecordingLogSink.h"
 
 namespace quillet {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using namespace std::chrono_literals;
+using Input = QLTCMPUtils::TCStringInput;
+using Ids = std::vector<std::int64_t>;
+
+const FixedClock kClock(std::chrono::system_clock::time_point(1700000000s + 390ms));
 
 // Ids as ascending runs: "1-10,23".
-std::string runs(const std::vector<std::int64_t>& ids) {
+std::string runs(const Ids& ids) {
   std::string out;
   for (std::size_t i = 0; i < ids.size(); ++i) {
     std::size_t end = i;
@@ -57,7 +62,7 @@ std::string dump(const Result<TCString, TCStringError>& result) {
       << "\n";
   for (const auto& r : tc.publisherRestrictions)
     out << "  restriction " << r.purposeId << "/" << r.restrictionType << " "
-        << runs(r.vendors.ids()) << "\n";
+        << runs(r.vendors.ids()) << " (" << r.vendors.count() << ")\n";
   if (tc.vendorsDisclosed) out << "  disclosed " << section(*tc.vendorsDisclosed) << "\n";
   if (tc.vendorsAllowed) out << "  allowed " << section(*tc.vendorsAllowed) << "\n";
   if (const auto& p = tc.publisherTC) {
@@ -91,51 +96,128 @@ TEST(TCString, EveryRealStringReadsAsItsGoldenDump) {
   EXPECT_TRUE(testing::matchesGolden("tc-strings.decoded.txt", all));
 }
 
-// A core written by the encoder, to which segments can be appended.
-std::string encodedCore() {
-  return QLTCMPUtils::encodeTCString({.purposeConsents = {1}, .gvlVendorIds = {5}});
-}
-
-std::string segment(std::uint64_t type, std::uint64_t maxId) {
-  BitWriter writer;
-  writer.write(type, 3);
-  writer.write(maxId, 16);
-  writer.writeBit(false);
-  writer.write(0b10001, 5);
-  return base64URLEncodedString(writer.data());
-}
-
-TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
-  const std::string core = encodedCore();
-  // segment/field@bit, and a part of the reason.
-  const std::vector<std::array<std::string, 3>> rows = {
-      {"", "core/Version@0", "ends"},
-      {"bad-encoded!!!string", "core/text@66", "'!'"},
-      {core + "." + segment(5, 5), "segment 2/SegmentType@0", "unknown segment type 5"},
-      {core + "." + segment(1, 5) + "." + segment(1, 5), "disclosed vendors/SegmentType@0",
-       "twice"},
-      {core + ".", "segment 2/@0", "empty segment"},
-      {core + ".." + segment(1, 5), "segment 2/@0", "empty segment"},
-      {core + "===", "core/padding@276", ""},
-      {core + " ", "core/text@276", ""},
-      {core + "." + segment(2, 30), "allowed vendors/AllowedVendors.BitField@20", ""},
+// The encoder's input from JSON members named as its fields.
+Input input(const boost::json::object& json) {
+  Input in;
+  const auto ids = [&](const char* key, Ids& out) {
+    if (const auto* list = json.if_contains(key))
+      for (const auto& id : list->as_array())
+        out.push_back(id.to_number<std::int64_t>());
   };
-  for (const auto& [text, where, reason] : rows) {
-    SCOPED_TRACE(text);
-    const auto result = TCString::parse(text);
-    ASSERT_FALSE(result.ok());
-    const auto& error = result.error();
-    EXPECT_EQ(error.segment + "/" + error.field + "@" + std::to_string(error.bitOffset), where);
-    EXPECT_THAT(error.reason, HasSubstr(reason));
+  ids("purposeConsents", in.purposeConsents);
+  ids("purposeLegitimateInterests", in.purposeLegitimateInterests);
+  ids("specialFeatureOptins", in.specialFeatureOptins);
+  ids("vendorConsents", in.vendorConsents);
+  ids("vendorLegitimateInterests", in.vendorLegitimateInterests);
+  ids("gvlVendorIds", in.gvlVendorIds);
+  for (auto [key, field] : {std::pair{"cmpId", &in.cmpId},
+                            {"cmpVersion", &in.cmpVersion},
+                            {"consentScreen", &in.consentScreen},
+                            {"vendorListVersion", &in.vendorListVersion},
+                            {"policyVersion", &in.policyVersion}})
+    if (json.contains(key)) *field = json.at(key).to_number<std::int64_t>();
+  for (auto [key, field] : {std::pair{"isServiceSpecific", &in.isServiceSpecific},
+                            {"useNonStandardStacks", &in.useNonStandardStacks},
+                            {"purposeOneTreatment", &in.purposeOneTreatment}})
+    if (json.contains(key)) *field = json.at(key).as_bool();
+  for (auto [key, field] :
+       {std::pair{"consentLanguage", &in.consentLanguage}, {"publisherCC", &in.publisherCC}})
+    if (json.contains(key)) *field = json.at(key).as_string();
+  return in;
+}
+
+// A string from a case's segment lines (see testdata/codec-cases.txt).
+std::string built(const std::string& body) {
+  std::vector<std::string> segments;
+  std::istringstream lines(body);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("+")) {
+      for (auto at = line.find("\\s"); at != std::string::npos; at = line.find("\\s"))
+        line.replace(at, 2, " ");
+      segments.back() += line.substr(1);
+    } else if (line.starts_with("=")) {
+      segments.push_back(line.substr(1));
+    } else if (line.starts_with("{")) {
+      const auto json = boost::json::parse(line).as_object();
+      segments.push_back(QLTCMPUtils::encodeTCString(input(json), kClock));
+    } else {
+      BitWriter writer;
+      std::istringstream fields(line);
+      for (std::string field; fields >> field;) {
+        const auto colon = field.find(':');
+        const bool binary = field.compare(colon + 1, 2, "0b") == 0;
+        writer.write(std::stoull(field.substr(colon + (binary ? 3 : 1)), nullptr, binary ? 2 : 0),
+                     std::stoi(field.substr(0, colon)));
+      }
+      segments.push_back(base64URLEncodedString(writer.data()));
+    }
   }
-  // Every byte but the separator, early in the text (where blocks of characters are decoded
-  // together) and in its last characters: only base64url characters read, and the error names
-  // the first other one.
+  std::string text;
+  for (const auto& segment : segments)
+    text += (&segment == segments.data() ? "" : ".") + segment;
+  return text;
+}
+
+// Each case of testdata/codec-cases.txt against testdata/golden/codec-cases.txt.
+TEST(Codec, EveryCaseGivesItsGoldenResult) {
+  std::string all;
+  for (const auto& [title, body] : testing::cases("codec-cases.txt")) {
+    const std::string kind = title.substr(0, title.find(':'));
+    all += "== " + title + "\n";
+    if (kind == "encode") {
+      const testing::LogCapture log;
+      const std::string text =
+          QLTCMPUtils::encodeTCString(input(boost::json::parse(body).as_object()), kClock);
+      all += text + "\n";
+      for (const auto& line : log.lines())
+        all += line + "\n";
+      all += dump(TCString::parse(text));
+    } else if (kind == "parse") {
+      all += dump(TCString::parse(built(body)));
+    } else if (kind == "decode") {
+      const std::string text = built(body);
+      const bool can = QLTCMPUtils::canDecodeTCString(text);
+      const auto d = can ? QLTCMPUtils::decodeTCString(text) : std::nullopt;
+      all += "can decode " + std::to_string(can) + ": " +
+             (d ? "v" + std::to_string(d->version) + " purposes " + runs(d->purposeConsents) +
+                      " li " + runs(d->purposeLegitimateInterests) + " sf " +
+                      runs(d->specialFeatureOptins) + " vendors " + runs(d->vendorConsents) +
+                      " vendor li " + runs(d->vendorLegitimateInterests)
+                : "none") +
+             "\n";
+    } else if (kind == "disclosed") {
+      const auto list = boost::json::parse(body);
+      Ids ids;
+      for (const auto& id : list.as_array())
+        ids.push_back(id.to_number<std::int64_t>());
+      const std::string segment = QLTCMPUtils::encodeDisclosedVendors(ids);
+      all += segment + "\n" + dump(TCString::parse(built("{\"gvlVendorIds\": [5]}\n=" + segment)));
+    } else if (kind.starts_with("inapp")) {
+      const auto values =
+          inAppValues(built(body), {.gdprApplies = testing::after(kind, "gdpr ") != "0",
+                                    .cmpSdkId = std::atoi(testing::after(kind, "sdk ").c_str())});
+      if (!values) all += "refused: " + values.error().message() + "\n";
+      for (const auto& [key, value] : values ? *values : std::vector<InAppValue>{}) {
+        const auto* text = std::get_if<std::string>(&value);
+        all += key + " = " +
+               (text ? "\"" + *text + "\"" : std::to_string(std::get<std::int64_t>(value))) + "\n";
+      }
+    }
+  }
+  EXPECT_TRUE(testing::matchesGolden("codec-cases.txt", all));
+}
+
+// Every byte but the separator and padding, early in the text (where blocks of characters are
+// decoded together), in its last characters and after it: only base64url characters read, and the
+// error names the first other one.
+TEST(TCString, OnlyBase64UrlCharactersRead) {
+  const std::string core = built("{\"gvlVendorIds\": [5]}");
   const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
   for (int byte = 0; byte < 256; ++byte) {
-    if (byte == '.') continue;  // it ends the segment
-    for (const std::size_t at : {std::size_t{20}, core.size() - 2}) {
+    if (byte == '.' || byte == '=') continue;  // they end the segment
+    for (const std::size_t at : {std::size_t{20}, core.size() - 2, core.size()}) {
       std::string text = core;
+      text.resize(std::max(text.size(), at + 1));
       text[at] = static_cast<char>(byte);
       const bool valid = alphabet.find(static_cast<char>(byte)) != std::string::npos;
       const auto result = TCString::parse(text);
@@ -145,190 +227,105 @@ TEST(TCString, RefusalsNameTheSegmentFieldAndBit) {
       }
     }
   }
-  const auto tc = TCString::parse(core + "." + segment(2, 5) + "==." + segment(1, 5));
-  ASSERT_TRUE(tc);
-  EXPECT_THAT(tc->vendorsAllowed->ids(), ElementsAre(1, 5));
-  EXPECT_THAT(tc->vendorsDisclosed->ids(), ElementsAre(1, 5));
-  // A language letter past Z reads as "?", with a warning.
-  BitWriter language;
-  language.write(2, 6);
-  language.write(0, 36 + 36 + 12 + 12 + 6);
-  language.write(26, 6);
-  language.write(0, 6 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12 + 17 + 17 + 12);
-  const auto unlettered = TCString::parse(base64URLEncodedString(language.data()));
-  ASSERT_TRUE(unlettered);
-  EXPECT_EQ(unlettered->consentLanguage, "?A");
-  EXPECT_THAT(unlettered->warnings,
-              ElementsAre("ConsentLanguage letter value 26 is not a letter A to Z"));
-  // Segment type 0 names the core; a second one is ignored with a warning.
-  EXPECT_THAT(TCString::parse(core + ".AA==")->warnings, ElementsAre(HasSubstr("segment type 0")));
-  // Restrictions on purpose 0 or of the undefined type 3 are read, with a warning each.
-  BitWriter restricted;
-  restricted.write(2, 6);
-  restricted.write(0, 36 + 36 + 12 + 12 + 6 + 12 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12);
-  restricted.write(0, 17 * 2);
-  restricted.write(3, 12);
-  for (const auto& [purpose, type] : {std::pair{0, 1}, {2, 3}, {1, 2}}) {
-    restricted.write(purpose, 6);
-    restricted.write(type, 2);
-    restricted.write(1, 12);
-    restricted.write(0, 1);
-    restricted.write(7, 16);
-  }
-  const auto odd = TCString::parse(base64URLEncodedString(restricted.data()));
-  ASSERT_TRUE(odd);
-  EXPECT_EQ(odd->publisherRestrictions.size(), 3U);
-  EXPECT_THAT(odd->warnings,
-              ElementsAre("PubRestrictions: a restriction names purpose 0, which is not a purpose",
-                          "PubRestrictions: purpose 2 has restriction type 3, which is undefined"));
-}
-
-TEST(TCString, RangesInAnyOrderOrOverlappingGiveAscendingIdsOnce) {
-  BitWriter writer;
-  writer.write(1, 3);  // disclosed vendors
-  writer.write(200, 16);
-  writer.writeBit(true);
-  writer.write(4, 12);
-  for (const auto& [isRange, from, to] :
-       {std::tuple{1, 30, 32}, {0, 4, 0}, {1, 31, 33}, {1, 60, 130}}) {
-    writer.writeBit(isRange);
-    writer.write(from, 16);
-    if (isRange) writer.write(to, 16);
-  }
-  const auto tc = TCString::parse(encodedCore() + "." + base64URLEncodedString(writer.data()));
-  ASSERT_TRUE(tc);
-  EXPECT_EQ(runs(tc->vendorsDisclosed->ids()), "4,30-33,60-130");
-  EXPECT_TRUE(tc->vendorsDisclosed->isRangeEncoding);
-  EXPECT_TRUE(tc->vendorsDisclosed->contains(33));
-  EXPECT_FALSE(tc->vendorsDisclosed->contains(34));
-  // The encoder's disclosed vendors: ids in any order, repeated or out of range, as ranges.
-  const std::string disclosed =
-      QLTCMPUtils::encodeDisclosedVendors(std::vector<std::int64_t>{900, 3, 5, 4, 3, 0, 70000});
-  EXPECT_EQ(disclosed,
-            QLTCMPUtils::encodeDisclosedVendors(std::vector<std::int64_t>{3, 4, 5, 900}));
-  const auto read = TCString::parse(encodedCore() + "." + disclosed);
-  ASSERT_TRUE(read);
-  EXPECT_EQ(section(*read->vendorsDisclosed), "max 900 ranges 3-5,900");
-
   // One restriction whose 300 entries all cover vendors 1 to 65000: 19.5 million ids if expanded.
-  BitWriter core;
-  core.write(2, 6);
-  core.write(0, 36 + 36 + 12 + 12 + 6 + 12 + 12 + 6 + 1 + 1 + 12 + 24 + 24 + 1 + 12);
-  core.write(0, 17 * 2);  // two empty vendor bit fields
-  core.write(1, 12);
-  core.write(1, 6);
-  core.write(0, 2);
-  core.write(300, 12);
+  BitWriter writer;
+  writer.write(2, 6);
+  writer.write(0, 207 + 34);  // the fields up to two empty vendor bit fields
+  writer.write(1, 12);
+  writer.write(1, 6);
+  writer.write(0, 2);
+  writer.write(300, 12);
   for (int entry = 0; entry < 300; ++entry) {
-    core.writeBit(true);
-    core.write(1, 16);
-    core.write(65000, 16);
+    writer.writeBit(true);
+    writer.write(1, 16);
+    writer.write(65000, 16);
   }
-  const auto restricted = TCString::parse(base64URLEncodedString(core.data()));
+  const auto restricted = TCString::parse(base64URLEncodedString(writer.data()));
   ASSERT_TRUE(restricted);
-  ASSERT_EQ(restricted->publisherRestrictions.size(), 1U);
-  EXPECT_EQ(restricted->publisherRestrictions[0].vendors.count(), 65000);
+  EXPECT_EQ(restricted->publisherRestrictions.at(0).vendors.count(), 65000);
 }
 
-TEST(TCString, WarnsAboutLegitimateInterestForPurposesThreeToSixFromPolicyVersionFour) {
-  QLTCMPUtils::TCStringInput input{.purposeLegitimateInterests = {2, 3, 6, 7}, .gvlVendorIds = {1}};
-  input.policyVersion = 3;
-  EXPECT_THAT(TCString::parse(QLTCMPUtils::encodeTCString(input))->warnings, IsEmpty());
-  input.policyVersion = 4;
-  EXPECT_THAT(TCString::parse(QLTCMPUtils::encodeTCString(input))->warnings,
-              ElementsAre(HasSubstr("purpose 3"), HasSubstr("purpose 6")));
-}
-
-TEST(TCString, ReadsEveryFieldTheEncoderWrites) {
+// Random inputs, ids in and out of their sections, read back by both readers.
+TEST(TCString, BothReadersReadEveryFieldTheEncoderWrites) {
   std::mt19937 random(5);
-  for (int round = 0; round < 50; ++round) {
-    QLTCMPUtils::TCStringInput input;
-    for (int id = 1; id <= 24; ++id) {
-      if (random() % 2) input.purposeConsents.push_back(id);
-      if (random() % 3 == 0) input.purposeLegitimateInterests.push_back(id);
-      if (id <= 12 && random() % 2) input.specialFeatureOptins.push_back(id);
-    }
+  const auto kept = [](Ids ids, std::int64_t max) {
+    std::erase_if(ids, [&](std::int64_t id) { return id < 1 || id > max; });
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+  };
+  for (int round = 0; round < 100; ++round) {
+    Input in;
     const auto maxId = static_cast<std::int64_t>(1 + random() % 1200);
-    input.gvlVendorIds = {maxId};
-    std::vector<std::int64_t> disclosed;
-    for (std::int64_t id = 1; id <= maxId; ++id) {
-      if (random() % 4 == 0) input.vendorConsents.push_back(id);
-      if (random() % 9 == 0) input.vendorLegitimateInterests.push_back(id);
-      if (random() % 5 == 0) disclosed.push_back(id);
-    }
-    input.cmpId = static_cast<std::int64_t>(random() % 4096);
-    input.cmpVersion = static_cast<std::int64_t>(random() % 4096);
-    input.consentScreen = static_cast<std::int64_t>(random() % 64);
-    input.consentLanguage = std::string{static_cast<char>('a' + random() % 26), 'z'};
-    input.vendorListVersion = static_cast<std::int64_t>(random() % 4096);
-    input.policyVersion = static_cast<std::int64_t>(random() % 4);
-    input.isServiceSpecific = random() % 2;
-    input.useNonStandardStacks = random() % 2;
-    input.purposeOneTreatment = random() % 2;
-    input.publisherCC = "GB";
+    const auto some = [&](Ids& out, std::int64_t below, unsigned share) {
+      for (std::int64_t id = 0; id <= below; ++id)
+        if (random() % share == 0) out.push_back(id);
+    };
+    some(in.purposeConsents, 26, 2);
+    some(in.purposeLegitimateInterests, 26, 3);
+    some(in.specialFeatureOptins, 13, 2);
+    some(in.vendorConsents, maxId + 2, 4);
+    some(in.vendorLegitimateInterests, maxId + 2, 9);
+    Ids disclosed;
+    some(disclosed, maxId, 5);
+    std::shuffle(in.vendorConsents.begin(), in.vendorConsents.end(), random);
+    in.gvlVendorIds = {maxId, 3};
+    in.cmpId = static_cast<std::int64_t>(random() % 4096);
+    in.cmpVersion = static_cast<std::int64_t>(random() % 4096);
+    in.consentScreen = static_cast<std::int64_t>(random() % 64);
+    in.consentLanguage = std::string{static_cast<char>('a' + random() % 26), 'z'};
+    in.vendorListVersion = static_cast<std::int64_t>(random() % 4096);
+    in.policyVersion = static_cast<std::int64_t>(random() % 4);
+    in.isServiceSpecific = random() % 2;
+    in.useNonStandardStacks = random() % 2;
+    in.purposeOneTreatment = random() % 2;
+    in.publisherCC = "GB";
     const std::uint64_t created = random() % (std::uint64_t{1} << 36);
     const FixedClock clock(std::chrono::system_clock::time_point(
         std::chrono::duration_cast<std::chrono::system_clock::duration>(
             std::chrono::duration<std::int64_t, std::deci>(created))));
-
-    const auto tc =
-        TCString::parse(QLTCMPUtils::encodeTCString(input, clock) + "." +
-                        QLTCMPUtils::encodeDisclosedVendorsSegment(disclosed, input.gvlVendorIds));
+    const std::string core = QLTCMPUtils::encodeTCString(in, clock);
+    const auto tc = TCString::parse(
+        core + "." + QLTCMPUtils::encodeDisclosedVendorsSegment(disclosed, in.gvlVendorIds));
     ASSERT_TRUE(tc);
-    const std::string language{static_cast<char>(input.consentLanguage[0] - 'a' + 'A'), 'Z'};
+    const std::int64_t max = std::max<std::int64_t>(maxId, 3);
+    const std::string language{static_cast<char>(in.consentLanguage[0] - 'a' + 'A'), 'Z'};
     EXPECT_EQ(std::tie(tc->created, tc->lastUpdated, tc->consentLanguage, tc->publisherCountryCode),
-              std::tie(created, created, language, input.publisherCC));
-    EXPECT_EQ((std::vector<std::int64_t>{tc->cmpId, tc->cmpVersion, tc->consentScreen,
-                                         tc->vendorListVersion, tc->policyVersion}),
-              (std::vector<std::int64_t>{input.cmpId, input.cmpVersion, input.consentScreen,
-                                         input.vendorListVersion, input.policyVersion}));
-    EXPECT_EQ((std::vector<bool>{tc->isServiceSpecific, tc->useNonStandardTexts,
-                                 tc->purposeOneTreatment}),
-              (std::vector<bool>{input.isServiceSpecific, input.useNonStandardStacks,
-                                 input.purposeOneTreatment}));
-    EXPECT_EQ(tc->purposeConsents.ids(), input.purposeConsents);
-    EXPECT_EQ(tc->purposeLegitimateInterests.ids(), input.purposeLegitimateInterests);
-    EXPECT_EQ(tc->specialFeatureOptins.ids(), input.specialFeatureOptins);
-    EXPECT_EQ(tc->vendorConsents,
-              (VendorSection{maxId, false, VendorIdSet::of(input.vendorConsents)}));
-    EXPECT_EQ(tc->vendorLegitimateInterests,
-              (VendorSection{maxId, false, VendorIdSet::of(input.vendorLegitimateInterests)}));
-    EXPECT_THAT(tc->publisherRestrictions, IsEmpty());
+              std::tie(created, created, language, in.publisherCC));
+    EXPECT_EQ(
+        (Ids{tc->cmpId, tc->cmpVersion, tc->consentScreen, tc->vendorListVersion, tc->policyVersion,
+             tc->isServiceSpecific, tc->useNonStandardTexts, tc->purposeOneTreatment}),
+        (Ids{in.cmpId, in.cmpVersion, in.consentScreen, in.vendorListVersion, in.policyVersion,
+             in.isServiceSpecific, in.useNonStandardStacks, in.purposeOneTreatment}));
+    const QLTCMPUtils::DecodedTCString expected{2,
+                                                kept(in.specialFeatureOptins, 12),
+                                                kept(in.purposeConsents, 24),
+                                                kept(in.purposeLegitimateInterests, 24),
+                                                kept(in.vendorConsents, max),
+                                                kept(in.vendorLegitimateInterests, max)};
+    EXPECT_EQ(QLTCMPUtils::decodeTCString(core), expected);
+    EXPECT_EQ((QLTCMPUtils::DecodedTCString{
+                  static_cast<std::uint64_t>(tc->version), tc->specialFeatureOptins.ids(),
+                  tc->purposeConsents.ids(), tc->purposeLegitimateInterests.ids(),
+                  tc->vendorConsents.ids(), tc->vendorLegitimateInterests.ids()}),
+              expected);
+    EXPECT_EQ(tc->vendorConsents.maxVendorId, max);
+    EXPECT_FALSE(tc->vendorConsents.isRangeEncoding ||
+                 tc->vendorLegitimateInterests.isRangeEncoding);
+    EXPECT_TRUE(tc->publisherRestrictions.empty());
     // The encoder's vendor segment carries type 2, so it reads as allowed vendors.
     EXPECT_FALSE(tc->vendorsDisclosed.has_value());
-    EXPECT_EQ(tc->vendorsAllowed->ids(), disclosed);
+    EXPECT_EQ(tc->vendorsAllowed->ids(), kept(disclosed, max));
   }
 }
 
 TEST(IdMask, KeepsIdsOneToN) {
   const IdMask<12> mask(0b1000'0000'0101 | (std::uint64_t{1} << 12));
-  EXPECT_THAT(mask.ids(), ElementsAre(1, 3, 12));
-  EXPECT_TRUE(mask.contains(12));
-  EXPECT_FALSE(mask.contains(13));
-  EXPECT_FALSE(mask.contains(0));
+  EXPECT_THAT(mask.ids(), ::testing::ElementsAre(1, 3, 12));
+  EXPECT_EQ((std::vector<bool>{mask.contains(12), mask.contains(13), mask.contains(0)}),
+            (std::vector<bool>{true, false, false}));
   EXPECT_EQ(mask.count(), 3);
-  EXPECT_THAT(IdMask<64>(~std::uint64_t{0}).ids().back(), 64);
-}
-
-// The in-app values take the host's settings and refuse what the reader refuses; what they hold
-// of a string is checked against the reference library with every sample string.
-TEST(InAppValues, TakeTheHostsSettingsAndRefuseUnreadableStrings) {
-  EXPECT_EQ(inAppValues("CO-broken!", {}).error().field, "text");
-  const auto values = inAppValues(encodedCore(), {.gdprApplies = false, .cmpSdkId = 9});
-  ASSERT_TRUE(values);
-  EXPECT_EQ((*values)[0], (InAppValue{"IABTCF_CmpSdkID", std::int64_t{9}}));
-  EXPECT_EQ((*values)[3], (InAppValue{"IABTCF_gdprApplies", std::int64_t{0}}));
-  EXPECT_EQ((*values)[13], (InAppValue{"IABTCF_PublisherConsent", std::string()}));
-  // Restricted vendors as one digit per vendor id, "_" for the others.
-  const auto restricted = inAppValues(
-      "COxPe2TOxPe2TALABAENAPCgAAAAAAAAAAAAAFAAAAoAAA4IACACAIABgACAFA4ADACAAIygAGADwAQBIAIAIB0AEAEB"
-      "SA"
-      "CACAA",
-      {});
-  ASSERT_TRUE(restricted);
-  ASSERT_EQ(restricted->size(), 21U);  // purposes 1, 2, 7 and 10 are restricted
-  EXPECT_EQ(restricted->back(),
-            (InAppValue{"IABTCF_PublisherRestrictions10", std::string(29, '_') + "000"}));
+  EXPECT_EQ(IdMask<64>(~std::uint64_t{0}).ids().back(), 64);
 }
 
 // Ranges added in random order, spread wide or kept close, against a plain set of ids: the
@@ -349,7 +346,7 @@ TEST(VendorIdSet, AgreesWithAPlainSetOfIds) {
         expected.insert(id);
     }
     SCOPED_TRACE("round " + std::to_string(round));
-    const std::vector<std::int64_t> ids(expected.begin(), expected.end());
+    const Ids ids(expected.begin(), expected.end());
     ASSERT_EQ(set.ids(), ids);
     EXPECT_EQ(set.count(), static_cast<std::int64_t>(ids.size()));
     EXPECT_EQ(set.last(), ids.empty() ? 0 : ids.back());
@@ -358,8 +355,7 @@ TEST(VendorIdSet, AgreesWithAPlainSetOfIds) {
                                      base - 1, base, base + 64, base + 700}) {
       EXPECT_EQ(set.contains(probe), expected.count(probe) == 1) << probe;
     }
-    const VendorIdSet built = VendorIdSet::of(ids);
-    EXPECT_EQ(built, set);
+    EXPECT_EQ(VendorIdSet::of(ids), set);
     VendorIdSet copy = set;
     VendorIdSet moved = std::move(copy);
     EXPECT_EQ(moved, set);
@@ -370,11 +366,74 @@ TEST(VendorIdSet, AgreesWithAPlainSetOfIds) {
     }
   }
   // Ids outside 1...65535 are left out; the last ids grow the inline words downwards.
-  EXPECT_EQ(VendorIdSet::of(std::vector<std::int64_t>{0, 5, 70000, -3}).ids(),
-            std::vector<std::int64_t>{5});
-  VendorIdSet top = VendorIdSet::of(std::vector<std::int64_t>{65535});
+  EXPECT_EQ(VendorIdSet::of(Ids{0, 5, 70000, -3}).ids(), Ids{5});
+  VendorIdSet top = VendorIdSet::of(Ids{65535});
   top.insert(65400, 65400);
-  EXPECT_EQ(top.ids(), (std::vector<std::int64_t>{65400, 65535}));
+  EXPECT_EQ(top.ids(), (Ids{65400, 65535}));
+}
+
+// The clock is read once, to the tenth of a second; the short form takes the defaults; numbers
+// wider than their field keep their low bits; only the first two characters of a language count.
+TEST(Encoder, ClockShortFormWideValuesAndLanguageCodes) {
+  const Input none{.gvlVendorIds = {10}};
+  const FixedClock early(std::chrono::system_clock::time_point(1700000000s + 300ms));
+  const FixedClock late(std::chrono::system_clock::time_point(1700000000s + 399ms));
+  EXPECT_EQ(QLTCMPUtils::encodeTCString(none, early), QLTCMPUtils::encodeTCString(none, late));
+  const FixedClock before1970(std::chrono::system_clock::time_point(-5s));
+  EXPECT_EQ(TCString::parse(QLTCMPUtils::encodeTCString(none, before1970))->created, 0U);
+  const Ids purposes{1, 2}, vendors{5}, gvl{1, 5, 9};
+  EXPECT_EQ(
+      QLTCMPUtils::encodeTCString(purposes, vendors, gvl, kClock),
+      QLTCMPUtils::encodeTCString(
+          {.purposeConsents = purposes, .vendorConsents = vendors, .gvlVendorIds = gvl}, kClock));
+  const Ids allowed{1, 3, 40}, listed{2, 9, 3};
+  const testing::LogCapture log;  // the vendor segment logs nothing
+  EXPECT_EQ(QLTCMPUtils::encodeDisclosedVendorsSegment(allowed, listed), "QAEqAA");
+  EXPECT_TRUE(log.lines().empty());
+
+  Input wide{.vendorConsents = {65539}, .gvlVendorIds = {65536 + 3}};
+  wide.cmpId = 4096 + 5;
+  wide.policyVersion = 64 + 4;
+  const auto bytes = fromBase64Url(QLTCMPUtils::encodeTCString(wide, kClock));
+  BitReader r(bytes.value());
+  r.skip(6 + 36 + 36);
+  EXPECT_EQ(r.readUInt(12), 5U);
+  r.skip(12 + 6 + 12 + 12);
+  EXPECT_EQ(r.readUInt(6), 4U);
+  r.skip(1 + 1 + 12 + 24 + 24 + 1 + 12);
+  EXPECT_EQ(r.readUInt(16), 3U);  // MaxVendorId keeps 3; the bit field still spans 65539 bits
+  r.skip(1 + 65538);
+  EXPECT_EQ(r.readUInt(1), 1U);
+
+  for (const char* code : {"en", "", "ß", "de-DE"})
+    EXPECT_TRUE(QLTCMPUtils::isEncodableCode(code)) << code;
+  for (const char* code : {"e1", " e", "-"})
+    EXPECT_FALSE(QLTCMPUtils::isEncodableCode(code)) << code;
+}
+
+using CodecDeathTest = ::testing::Test;
+
+TEST_F(CodecDeathTest, StopsOnBrokenCallerContracts) {
+  const auto encode = [](Input in) { (void)QLTCMPUtils::encodeTCString(in, kClock); };
+  EXPECT_DEATH(encode({.gvlVendorIds = {10}, .consentLanguage = "e1"}), "consentLanguage");
+  EXPECT_DEATH(encode({.gvlVendorIds = {10}, .publisherCC = "U "}), "publisherCC");
+  for (auto Input::*member : {&Input::cmpId, &Input::cmpVersion, &Input::consentScreen,
+                              &Input::vendorListVersion, &Input::policyVersion}) {
+    Input in{.gvlVendorIds = {10}};
+    in.*member = -1;
+    EXPECT_DEATH(encode(in), "negative");
+  }
+  EXPECT_DEATH(encode({.gvlVendorIds = {0}}), "MaxVendorId 0");
+  EXPECT_DEATH(encode({}), "MaxVendorId 0");
+  EXPECT_DEATH(encode({.gvlVendorIds = {-7, -2}}), "negative largest vendor id");
+  const Ids none, negative{-3};
+  EXPECT_DEATH((void)QLTCMPUtils::encodeDisclosedVendorsSegment(none, none), "MaxVendorId 0");
+  EXPECT_DEATH((void)QLTCMPUtils::encodeDisclosedVendorsSegment(none, negative),
+               "negative largest vendor id");
+  // One byte: Version reads, every later read fails quietly, MaxVendorId reads as 0.
+  EXPECT_DEATH((void)QLTCMPUtils::decodeTCString("CA"), "MaxVendorId 0");
+  EXPECT_DEATH((void)QLTCMPUtils::decodeTCString(built("6:2 134:0 12:0 24:0 24:0 13:0 16:0 13:0")),
+               "MaxVendorId 0");
 }
 
 }  // namespace
