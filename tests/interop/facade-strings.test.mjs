@@ -1,42 +1,25 @@
-// Strings that the facade stores for the real vendor list must decode with the IAB's reference
-// library to the purposes, vendors and legitimate interests that the consent actions define.
+// The strings that the facade stores for decisions on the real vendor list (kept by the facade
+// test in testdata/golden/facade-strings.txt: each configuration, then the string) must decode
+// with the IAB's reference library to the purposes, vendors and legitimate interests that the
+// consent actions define.
 
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
-import os from 'node:os';
 import path from 'node:path';
 import { TCString } from '@iabtechlabtcf/core';
 import { ids } from './reference.mjs';
 
-const tool = process.env.QUILLET_FACADE_TOOL;
 const testdata = process.env.QUILLET_TESTDATA_DIR;
-assert.ok(tool && testdata, 'QUILLET_FACADE_TOOL and QUILLET_TESTDATA_DIR must be set (ctest sets them)');
-
-const listFile = path.join(testdata, 'gvl-v3-106.json');
-const gvl = JSON.parse(fs.readFileSync(listFile, 'utf8'));
+assert.ok(testdata, 'QUILLET_TESTDATA_DIR must be set (ctest sets it)');
+const gvl = JSON.parse(fs.readFileSync(path.join(testdata, 'gvl-v3-106.json'), 'utf8'));
+const lines = fs.readFileSync(path.join(testdata, 'golden/facade-strings.txt'), 'utf8').split('\n');
 
 const ascending = (list) => [...new Set(list)].sort((a, b) => a - b);
 const integers = (list) => (Array.isArray(list) && list.every(Number.isInteger) ? list : []);
 
-// Runs the facade in its own process and returns the TC String it stored.
-function storedString(config, decide) {
-  const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'quillet-interop-'));
-  try {
-    const run = spawnSync(tool, [path.join(folder, 'store.sqlite'), '--serve', listFile,
-      JSON.stringify(config), '--decide', decide], { encoding: 'utf8', timeout: 60000 });
-    assert.equal(run.status, 0, run.stderr);
-    const line = run.stdout.split('\n').find((l) => l.startsWith('stored: '));
-    assert.ok(line, `no stored string in:\n${run.stdout}`);
-    return line.slice('stored: '.length);
-  } finally {
-    fs.rmSync(folder, { recursive: true, force: true });
-  }
-}
-
 // Accept all as the consent actions define it, for the vendors the configuration selects.
-function expectedAcceptAll(selection) {
+function acceptAll(selection) {
   const named = Object.values(gvl.vendors).filter((v) => typeof v.name === 'string' && v.name !== '');
   const vendors = selection ? named.filter((v) => selection.includes(v.id)) : named;
   const vendorIds = selection ?? vendors.map((v) => v.id);
@@ -53,40 +36,21 @@ function expectedAcceptAll(selection) {
     specialFeatureOptins: ascending(Object.keys(gvl.specialFeatures).map(Number)),
   };
 }
+const none = { purposeConsents: [], purposeLegitimateInterests: [], vendorConsents: [],
+  vendorLegitimateInterests: [], specialFeatureOptins: [] };
 
-function check(text, expected) {
-  const model = TCString.decode(text);
-  assert.deepEqual(ids(model.purposeConsents), expected.purposeConsents);
-  assert.deepEqual(ids(model.purposeLegitimateInterests), expected.purposeLegitimateInterests);
-  assert.deepEqual(ids(model.vendorConsents), expected.vendorConsents);
-  assert.deepEqual(ids(model.vendorLegitimateInterests), expected.vendorLegitimateInterests);
-  assert.deepEqual(ids(model.specialFeatureOptins), expected.specialFeatureOptins);
-  assert.equal(model.vendorListVersion, gvl.vendorListVersion);
-  assert.equal(model.policyVersion, gvl.tcfPolicyVersion);
-  assert.equal(model.cmpId, 471);
-  return model;
-}
-
-test('accept all for every vendor of the real list', () => {
-  const config = { vendorListVersion: gvl.vendorListVersion, publisherCC: 'fr' };
-  const model = check(storedString(config, 'accept'), expectedAcceptAll(null));
-  assert.equal(model.publisherCountryCode, 'FR');
-  assert.ok(ids(model.vendorConsents).length > 900);
-});
-
-test('accept all for a selection of the real list', () => {
-  const selection = [1, 8, 755, 999999];
-  const config = { vendorListVersion: gvl.vendorListVersion, selectedVendorIds: selection };
-  const model = check(storedString(config, 'accept'), expectedAcceptAll(selection));
-  // The vendor segment carries segment type 2: allowed vendors, the whole selection.
-  assert.deepEqual(ids(model.vendorsAllowed), [1, 8, 755]);
-});
-
-test('reject all for the real list', () => {
-  const config = { vendorListVersion: gvl.vendorListVersion };
-  const model = check(storedString(config, 'reject'), {
-    purposeConsents: [], purposeLegitimateInterests: [], vendorConsents: [],
-    vendorLegitimateInterests: [], specialFeatureOptins: [],
+test('the facade\'s strings for the real vendor list decode as its decisions define', () => {
+  const decisions = [
+    ['accept all for every vendor', acceptAll(null), 'FR', 987],
+    ['accept all for a selection', acceptAll([1, 8, 755, 999999]), 'US', 3],
+    ['reject all', none, 'US', 987],
+  ];
+  decisions.forEach(([what, expected, country, allowed], i) => {
+    const model = TCString.decode(lines[2 * i + 1]);
+    for (const [field, list] of Object.entries(expected)) assert.deepEqual(ids(model[field]), list, `${what} ${field}`);
+    assert.deepEqual([model.vendorListVersion, model.policyVersion, model.cmpId, model.publisherCountryCode],
+      [gvl.vendorListVersion, gvl.tcfPolicyVersion, 471, country], what);
+    // The vendor segment carries segment type 2: allowed vendors, the whole selection.
+    assert.equal(ids(model.vendorsAllowed).length, allowed, what);
   });
-  assert.ok(ids(model.vendorsAllowed).length > 900);
 });

@@ -57,7 +57,7 @@ class SoakTest : public ::testing::Test {
   void SetUp() override {
     server_.keepRequests(false);
     server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig});
-    server_.reply("gvl.json", Reply{.body = testing::kSmallVendorList});
+    server_.reply("gvl.json", Reply{.body = testing::smallVendorList()});
     auto opened = SqliteKeyValueStore::open(directory_.path() / "store.sqlite");
     ASSERT_TRUE(opened);
     Platform::install({.keyValueStore = *opened,

@@ -19,20 +19,22 @@ namespace quillet::testing {
 /// Narrates a walk through the consent stores, for comparison whole with a golden file: each
 /// step's name, then the notifications and log lines it caused, then every observed value it
 /// changed ("name: value"). The consent stores are always observed; `more` adds a caller's own.
-/// Logging is on while the walk lives.
+/// Logging is on while the walk lives; with a `logTag`, only that component's lines are told.
 class ConsentWalk {
  public:
   using Values = std::vector<std::pair<std::string, std::string>>;
 
-  explicit ConsentWalk(std::function<Values()> more = {}) : more_(std::move(more)) {}
+  explicit ConsentWalk(std::function<Values()> more = {}, std::string logTag = {})
+      : more_(std::move(more)), logTag_("[QLT-CMP:" + std::move(logTag)) {}
 
   void step(const std::string& name, const std::function<void()>& action) {
     transcript += name + "\n";
     action();
     for (const auto& line : announced_.take())
       transcript += "  ! " + line + "\n";
-    for (const auto& line : log_.lines())
-      transcript += "  log " + line + "\n";
+    for (const auto& line : log_.lines()) {
+      if (line.find(logTag_) != std::string::npos) transcript += "  log " + line + "\n";
+    }
     log_.clear();
     const auto& pending = PendingConsentStore::shared();
     const auto& features = SpecialFeatureConsentStore::shared();
@@ -69,6 +71,7 @@ class ConsentWalk {
 
  private:
   std::function<Values()> more_;
+  std::string logTag_;
   Announcements announced_;
   LogCapture log_;
   std::map<std::string, std::string> seen_;

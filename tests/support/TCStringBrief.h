@@ -13,7 +13,7 @@ namespace quillet::testing {
 /// service-specific, non-standard texts, purpose one treatment, list and policy version, created
 /// and last updated (deciseconds), then purposes, their legitimate interests, special features,
 /// vendors, the largest vendor id, vendor legitimate interests and, when present, the allowed
-/// vendors. A string that does not read gives "unreadable: " and why.
+/// vendors and the disclosed vendors. A string that does not read gives "unreadable: " and why.
 inline std::string brief(std::string_view text) {
   const auto tc = TCString::parse(text);
   if (!tc) return "unreadable: " + tc.error().message();
@@ -35,6 +35,10 @@ inline std::string brief(std::string_view text) {
   out << " " << tc->vendorConsents.maxVendorId;
   list(tc->vendorLegitimateInterests.ids());
   if (tc->vendorsAllowed) list(tc->vendorsAllowed->ids());
+  if (tc->vendorsDisclosed) {
+    out << " disclosed";
+    list(tc->vendorsDisclosed->ids());
+  }
   return out.str();
 }
 
