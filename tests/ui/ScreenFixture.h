@@ -24,30 +24,19 @@
 #include "support/ConsentStores.h"
 #include "support/RecordingScreenHost.h"
 #include "support/ScreenData.h"
+#include "support/TestData.h"
 
 namespace quillet::testing {
 
-/// Purposes 1, 2, 3, 7; special features 1 and 2; vendors 8 (consent 1, 2; LI 7), 10 (consent
-/// 1, 3) and 755 (consent 1, 3; LI 2, 7; special feature 1; feature 1), then `stacks`.
+/// testdata/screen-gvl.json: purposes 1, 2, 3, 7; special features 1 and 2; vendors 8 (consent
+/// 1, 2; LI 7), 10 (consent 1, 3) and 755 (consent 1, 3; LI 2, 7; special feature 1; feature 1);
+/// with `stacks` and 755's `disclosureUrl`.
 inline std::string screenVendorList(const std::string& stacks = "{}",
                                     const std::string& disclosureUrl = "") {
-  return R"({"vendorListVersion": 12,
-  "purposes": {"1": {"id": 1, "name": "Store", "description": "Store and/or access"},
-               "2": {"id": 2, "name": "Basic ads"}, "3": {"id": 3, "name": "Profiles"},
-               "7": {"id": 7, "name": "Measure"}},
-  "specialFeatures": {"1": {"id": 1, "name": "Geolocation"}, "2": {"id": 2, "name": "Scan"}},
-  "features": {"1": {"id": 1, "name": "Match data"}},
-  "stacks": )" +
-         stacks + R"(,
-  "vendors": {
-    "8": {"id": 8, "name": "Eight", "purposes": [1, 2], "legIntPurposes": [7]},
-    "10": {"id": 10, "name": "Ten", "purposes": [1, 3], "legIntPurposes": []},
-    "755": {"id": 755, "name": "Google", "purposes": [1, 3], "legIntPurposes": [2, 7],
-            "specialFeatures": [1], "features": [1], "usesCookies": true,
-            "cookieMaxAgeSeconds": 34190000, "cookieRefresh": false,
-            "deviceStorageDisclosureUrl": ")" +
-         disclosureUrl + R"(",
-            "urls": [{"privacy": "https://policies.google.com/privacy"}]}}})";
+  std::string list = testdataText("screen-gvl.json");
+  list.replace(list.find("\"stacks\": {}"), 12, "\"stacks\": " + stacks);
+  const std::string url = "\"deviceStorageDisclosureUrl\": \"";
+  return list.insert(list.find(url) + url.size(), disclosureUrl);
 }
 
 class ScreenFixture : public ::testing::Test {
