@@ -7,14 +7,13 @@
 // vendor-details.html    a vendor's details with its legitimate interests unfolded
 // purpose-details.html   a purpose's details
 // disclosure.html        a disclosure document from the test data
-// hostile-*.html         the same screens built from a vendor list and a configuration crafted
-//                        to break out of text and attributes
+// hostile-*.html         the same screens and a disclosure built from testdata/hostile-gvl.json,
+//                        testdata/hostile-disclosure.json and a configuration crafted to break
+//                        out of text and attributes
 
 #include <cstdio>
 #include <fstream>
 #include <sstream>
-
-#include <boost/json/serialize.hpp>
 
 #include "quillet/base/MainQueue.h"
 #include "quillet/base/Platform.h"
@@ -114,21 +113,6 @@ int main(int argc, char** argv) {
   // Hostile input: every text and address a vendor list or configuration can carry.
   const std::string payload =
       R"(<script>window.__pwned=1</script><img src=x onerror="window.__pwned=2">" onmouseover="window.__pwned=3" ' onfocus='window.__pwned=4)";
-  boost::json::object gvl = Json::parse(readFile(data + "/gvl-v3-106.json")).value().as_object();
-  for (const char* section : {"purposes", "specialFeatures", "features", "stacks"}) {
-    for (auto& entry : gvl[section].as_object()) {
-      entry.value().as_object()["name"] = payload;
-      entry.value().as_object()["description"] = payload;
-    }
-  }
-  auto& vendors = gvl["vendors"].as_object();
-  for (auto& entry : vendors) {
-    auto& vendor = entry.value().as_object();
-    vendor["name"] = payload;
-    vendor["urls"] =
-        boost::json::array{boost::json::object{{"privacy", "javascript:window.__pwned=5"}}};
-    vendor["deviceStorageDisclosureUrl"] = "javascript:window.__pwned=6";
-  }
   const BrandingConfig hostile({.logoUrl = "javascript:window.__pwned=7",
                                 .brandColor = "red;}</style><script>window.__pwned=8</script>",
                                 .showRejectButton = true,
@@ -136,17 +120,9 @@ int main(int argc, char** argv) {
                                 .acceptButtonText = payload,
                                 .customizeLinkId = payload,
                                 .selectedPurposesIds = purposes});
-  ok = ok && writeScreens(dir, "hostile-", hostile, boost::json::serialize(gvl), 2);
+  ok = ok && writeScreens(dir, "hostile-", hostile, readFile(data + "/hostile-gvl.json"), 2);
   DeviceStorageDisclosureViewController hostileDisclosure("Vendor", "", {}, "#1A73E8");
-  const boost::json::object document{
-      {"disclosures", boost::json::array{boost::json::object{{"identifier", payload},
-                                                             {"type", payload},
-                                                             {"maxAgeSeconds", 1},
-                                                             {"cookieRefresh", false},
-                                                             {"domains", {payload}},
-                                                             {"purposes", {1}}}}},
-      {"domains", boost::json::array{boost::json::object{{"domain", payload}, {"use", payload}}}}};
-  hostileDisclosure.show(boost::json::serialize(document));
+  hostileDisclosure.show(readFile(data + "/hostile-disclosure.json"));
   ok = ok && writeFile(dir + "/hostile-disclosure.html", hostileDisclosure.document());
   Platform::install({});
   return ok ? 0 : 1;

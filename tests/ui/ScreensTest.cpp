@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "quillet/base/Text.h"
 #include "quillet/state/ConsentCommit.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -89,17 +90,12 @@ class Screens : public testing::ScreenFixture {
 
   static std::string text(const std::vector<ConsentAction>& actions) {
     std::string out;
-    for (const auto& action : actions) {
-      out += action.kind() == ConsentAction::Kind::acceptAll   ? "acceptAll "
-             : action.kind() == ConsentAction::Kind::rejectAll ? "rejectAll "
-                                                               : "customize(";
-      if (action.kind() != ConsentAction::Kind::customize) continue;
-      for (const auto id : action.purposes())
-        out += std::to_string(id) + " ";
-      out += "|";
-      for (const auto id : action.vendors())
-        out += " " + std::to_string(id);
-      out += ") ";
+    for (const auto& a : actions) {
+      using enum ConsentAction::Kind;
+      out += a.kind() == acceptAll   ? "acceptAll "
+             : a.kind() == rejectAll ? "rejectAll "
+                                     : "customize(" + Text::printedList(a.purposes()) + " " +
+                                           Text::printedList(a.vendors()) + ") ";
     }
     return out;
   }
