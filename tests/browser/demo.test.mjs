@@ -94,55 +94,6 @@ async function expectAttribute(page, kind, selector, name, value) {
 
 const posted = (demo, type) => demo.count(new RegExp(`v1/consent .*"eventType":"${type}"`));
 
-test('first visit, view all, accept all, reload and restart', { timeout: 180000 }, async () => {
-  const state = stateFolder();
-  let demo = await Demo.start(['--state', state]);
-  const page = await openHost(demo, 'banner');
-  const banner = await showing(page, 'banner');
-  await page.screenshot({ path: join(artifacts, 'demo-banner.png') });
-  await banner.locator('#qlt-view-all').click();
-  assert.equal(await banner.locator('#qlt-stacks-all').evaluate((e) => getComputedStyle(e).display), 'block');
-  await banner.locator('#qlt-hide-all').click();
-  assert.equal(await banner.locator('#qlt-stacks-all').evaluate((e) => getComputedStyle(e).display), 'none');
-
-  // A second tab on the same host sees the same screen, and sees it go.
-  const other = await openHost(demo, 'banner');
-  await page.click('button[data-action="onAcceptAll"]');
-  await demo.waitFor(/"eventType":"accepted"/);
-  await page.waitForSelector('body[data-top="none"]');
-  await other.waitForSelector('body[data-top="none"]');
-  await other.close();
-  assert.equal(posted(demo, 'accepted'), 1);
-  assert.equal(demo.count(/v1\/analytics\/events/), 1);
-  let stored = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
-  assert.equal(ids(TCString.decode(stored).purposeConsents).length, 11);
-  // The page's own control reopens the choices: the second layer, with them switched on.
-  await page.click('#actions button:text("Privacy choices")');
-  await showing(page, 'secondLayer');
-  await expectAttribute(page, 'secondLayer', '#purpose-consent-11', 'aria-checked', 'true');
-  const next = demo.lines.length;
-  await tap(page, 'secondLayer', '#accept-all');
-  await page.waitForSelector('body[data-top="none"]');
-  stored = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
-  // Once the screens are gone the focus is back on the control that opened them.
-  await page.waitForFunction(() => document.activeElement?.textContent === 'Privacy choices');
-  await page.reload();
-  await page.waitForSelector('#status');
-  await page.waitForFunction(() => document.getElementById('status').textContent === 'Nothing is presented.');
-  assert.equal(await page.locator('.layer').count(), 0);
-  await page.close();
-  await demo.stop();
-
-  demo = await Demo.start(['--state', state]);
-  await demo.waitFor(new RegExp(`^start-up done; stored TC String: ${stored}`));
-  const again = await openHost(demo);
-  await again.waitForFunction(() => document.getElementById('status').textContent === 'Nothing is presented.');
-  assert.equal(await again.locator('.layer').count(), 0);
-  await again.close();
-  const { signal, code } = await demo.stop();
-  assert.ok(code === 0 || signal === null, `demo ended with ${code} ${signal}`);
-});
-
 // The host page's ad slot asks the page's __tcfapi through postMessage only; waits until it
 // shows `status`, and gives the vendors it says have consent.
 async function adSlotHears(page, status) {
@@ -153,32 +104,53 @@ async function adSlotHears(page, status) {
   return (await frame.locator('#vendor-consents').textContent()).split(',').filter(Boolean).map(Number);
 }
 
-test('an ad slot hears __tcfapi: UI shown, accept all, reject all, then loaded', { timeout: 180000 }, async () => {
+// The ad slot's vendors once it shows `count` of them.
+const adSlotCount = (page, count) => page.waitForFunction((n) => {
+  const slot = document.getElementById('ad-slot').contentDocument;
+  return slot.getElementById('vendor-consents').textContent.split(',').filter(Boolean).length === n;
+}, count);
+
+test('first visit: view all, accept all as the ad slot hears it, Reject All from the page, reload, restart', { timeout: 180000 }, async () => {
   const state = stateFolder();
   let demo = await Demo.start(['--state', state]);
   const page = await openHost(demo, 'banner');
   assert.deepEqual(await adSlotHears(page, 'cmpuishown'), []);
+  const banner = await showing(page, 'banner');
+  await page.screenshot({ path: join(artifacts, 'demo-banner.png') });
+  const display = () => banner.locator('#qlt-stacks-all').evaluate((e) => getComputedStyle(e).display);
+  await banner.locator('#qlt-view-all').click();
+  assert.equal(await display(), 'block');
+  await banner.locator('#qlt-hide-all').click();
+  assert.equal(await display(), 'none');
+
+  // A second tab on the same host sees the same screen, and sees it go.
+  const other = await openHost(demo, 'banner');
   await page.click('button[data-action="onAcceptAll"]');
   const accepted = (await demo.waitFor(/^stored TC String: (\S+)/))[1];
+  await page.waitForSelector('body[data-top="none"]');
+  await other.waitForSelector('body[data-top="none"]');
+  await other.close();
+  assert.equal(posted(demo, 'accepted'), 1);
+  assert.equal(demo.count(/v1\/analytics\/events/), 1);
+  assert.equal(ids(TCString.decode(accepted).purposeConsents).length, 11);
   const vendors = ids(TCString.decode(accepted).vendorConsents);
   assert.ok(vendors.length > 0);
-  await page.waitForFunction((n) => {
-    const slot = document.getElementById('ad-slot').contentDocument;
-    return slot.getElementById('vendor-consents').textContent.split(',').length === n;
-  }, vendors.length);
+  await adSlotCount(page, vendors.length);
   assert.deepEqual(await adSlotHears(page, 'useractioncomplete'), vendors);
-  // Reject All on the second layer withdraws them.
+
+  // The page's own control reopens the choices: the second layer, with them switched on; its
+  // Reject All withdraws them, and the focus goes back to the control.
   await page.click('#actions button:text("Privacy choices")');
   await showing(page, 'secondLayer');
+  await expectAttribute(page, 'secondLayer', '#purpose-consent-11', 'aria-checked', 'true');
   const next = demo.lines.length;
   await tap(page, 'secondLayer', '#reject-all');
   const rejected = (await demo.waitFor(/^stored TC String: (\S+)/, { from: next }))[1];
   assert.deepEqual(ids(TCString.decode(rejected).vendorConsents), []);
-  await page.waitForFunction(() => {
-    const slot = document.getElementById('ad-slot').contentDocument;
-    return slot.getElementById('vendor-consents').textContent === '' &&
-      slot.getElementById('event-status').textContent === 'useractioncomplete';
-  });
+  await page.waitForSelector('body[data-top="none"]');
+  await adSlotCount(page, 0);
+  assert.deepEqual(await adSlotHears(page, 'useractioncomplete'), []);
+  await page.waitForFunction(() => document.activeElement?.textContent === 'Privacy choices');
   // The page's own function answers too: an unknown command and version 1 fail, a listener
   // that throws does not keep the next from its data, ping is loaded.
   assert.deepEqual(await page.evaluate(() => new Promise((resolve) => {
@@ -189,27 +161,45 @@ test('an ad slot hears __tcfapi: UI shown, accept all, reject all, then loaded',
     window.__tcfapi('ping', 1, (value, ok) => out.push(value, ok));
     window.__tcfapi('ping', 2, (value, ok) => { out.push(value.cmpStatus, value.displayStatus); resolve(out); });
   })), [false, 'useractioncomplete', true, null, false, 'loaded', 'hidden']);
+  await page.reload();
+  await page.waitForFunction(() => document.getElementById('status')?.textContent === 'Nothing is presented.');
+  assert.equal(await page.locator('.layer').count(), 0);
   await page.close();
   await demo.stop();
 
   demo = await Demo.start(['--state', state]);
+  await demo.waitFor(new RegExp(`^start-up done; stored TC String: ${rejected}`));
   const again = await openHost(demo);
+  await again.waitForFunction(() => document.getElementById('status').textContent === 'Nothing is presented.');
+  assert.equal(await again.locator('.layer').count(), 0);
   assert.deepEqual(await adSlotHears(again, 'tcloaded'), []);
   await again.close();
-  await demo.stop();
+  const { signal, code } = await demo.stop();
+  assert.ok(code === 0 || signal === null, `demo ended with ${code} ${signal}`);
 });
 
+// Consent starts off and legitimate interest on; the purpose details switch what the vendors tab
+// then shows; a vendor's details switch its legitimate interests; Save posts it all as switched,
+// and --manage shows it again.
 test('customised choices are posted as switched; --manage shows them again', { timeout: 180000 }, async () => {
   const state = stateFolder();
   let demo = await Demo.start(['--state', state]);
   const page = await openHost(demo, 'banner');
   await page.click('button[data-action="onCustomize"]');
+  await showing(page, 'secondLayer');
+  for (const id of ['#purpose-consent-1', '#purpose-consent-3', '#sf-master-1']) await tapIn(page, 'secondLayer', id);
+  await tap(page, 'secondLayer', '#read-more-2');
+  await showing(page, 'purposeDetails');
+  await tapIn(page, 'purposeDetails', '#master-consent');
+  await tap(page, 'purposeDetails', '#close');
   let second = await showing(page, 'secondLayer');
-  // Legitimate interest starts on; consent starts off.
-  await tapIn(page, 'secondLayer', '#purpose-consent-1');
-  await tapIn(page, 'secondLayer', '#purpose-consent-3');
-  await tapIn(page, 'secondLayer', '#sf-master-1');
+  await tap(page, 'secondLayer', '#expand-2');
+  await expectAttribute(page, 'secondLayer', '#expand-2', 'aria-expanded', 'true');
+  const purpose2 = await second.locator('[id^="purpose-vendor-2-"]').evaluateAll((toggles) =>
+    toggles.map((t) => [Number(t.id.split('-').at(-1)), t.getAttribute('aria-checked')]));
+  assert.ok(purpose2.length > 3 && purpose2.every(([, on]) => on === 'true'), String(purpose2));
   await tapIn(page, 'secondLayer', '#segment-1');
+  for (const [id] of purpose2) await expectAttribute(page, 'secondLayer', `#vendor-${id}`, 'aria-checked', 'true');
   second = await showing(page, 'secondLayer');
   await tapIn(page, 'secondLayer', '#vendor-8');
   await page.screenshot({ path: join(artifacts, 'demo-vendors.png') });
@@ -217,7 +207,7 @@ test('customised choices are posted as switched; --manage shows them again', { t
   // switches them all off.
   const index = await second.locator('#vendor-row-8 a.qlt-link').getAttribute('id');
   await tap(page, 'secondLayer', `#${index}`);
-  const details = await showing(page, 'vendorDetails');
+  await showing(page, 'vendorDetails');
   await tapIn(page, 'vendorDetails', '#li-fold');
   await tapIn(page, 'vendorDetails', '#li-7');
   await expectAttribute(page, 'vendorDetails', '#li-7', 'aria-checked', 'false');
@@ -227,25 +217,22 @@ test('customised choices are posted as switched; --manage shows them again', { t
   await tapIn(page, 'vendorDetails', '#close');
   await showing(page, 'secondLayer');
   await tap(page, 'secondLayer', '#save');
-  const customized = await demo.waitFor(/v1\/consent \{"tcString":"([^"]+)".*"eventType":"customized"/);
-  const text = customized[1];
+  const text = (await demo.waitFor(/v1\/consent \{"tcString":"([^"]+)".*"eventType":"customized"/))[1];
   const model = TCString.decode(text);
-  assert.deepEqual(ids(model.purposeConsents), [1, 3]);
-  assert.deepEqual(ids(model.vendorConsents), [8]);
+  assert.deepEqual(ids(model.purposeConsents), [1, 2, 3]);
+  assert.deepEqual(ids(model.vendorConsents), [...new Set([8, ...purpose2.map(([id]) => id)])].sort((a, b) => a - b));
   assert.deepEqual(ids(model.specialFeatureOptins), [1]);
   // Legitimate interest started on for every vendor that declares it; vendor 8's is now off.
   const legitimate = ids(model.vendorLegitimateInterests);
-  assert.ok(!legitimate.includes(8), String(legitimate));
-  assert.ok(legitimate.includes(11) && legitimate.includes(15), String(legitimate));
+  assert.ok(!legitimate.includes(8) && legitimate.includes(11) && legitimate.includes(15), String(legitimate));
   await page.close();
   await demo.stop();
 
   demo = await Demo.start(['--state', state, '--manage']);
   const manage = await openHost(demo, 'secondLayer');
-  await showing(manage, 'secondLayer');
-  await expectAttribute(manage, 'secondLayer', '#purpose-consent-1', 'aria-checked', 'true');
-  await expectAttribute(manage, 'secondLayer', '#purpose-consent-3', 'aria-checked', 'true');
-  await expectAttribute(manage, 'secondLayer', '#purpose-consent-2', 'aria-checked', 'false');
+  for (const [id, on] of [[1, 'true'], [2, 'true'], [3, 'true'], [4, 'false']]) {
+    await expectAttribute(manage, 'secondLayer', `#purpose-consent-${id}`, 'aria-checked', on);
+  }
   await tap(manage, 'secondLayer', '#reject-all');
   await demo.waitFor(/"eventType":"rejected"/);
   await manage.waitForSelector('body[data-top="none"]');
@@ -316,32 +303,6 @@ test('the banner fits every window from 320 x 320 up, every button in view', { t
     await page.screenshot({ path: join(artifacts, `demo-banner-${width}x${height}.png`) });
     await page.close();
   }
-  await demo.stop();
-});
-
-test('what the purpose details switch is what the vendors tab shows and Save stores', { timeout: 180000 }, async () => {
-  const demo = await Demo.start(['--state', stateFolder()]);
-  const page = await openHost(demo, 'banner');
-  await page.click('button[data-action="onCustomize"]');
-  await showing(page, 'secondLayer');
-  await tap(page, 'secondLayer', '#read-more-2');
-  await showing(page, 'purposeDetails');
-  await tapIn(page, 'purposeDetails', '#master-consent');
-  await tap(page, 'purposeDetails', '#close');
-  const second = await showing(page, 'secondLayer');
-  await tap(page, 'secondLayer', '#expand-2');
-  await expectAttribute(page, 'secondLayer', '#expand-2', 'aria-expanded', 'true');
-  const vendors = await second.locator('[id^="purpose-vendor-2-"]').evaluateAll((toggles) =>
-    toggles.map((t) => [Number(t.id.split('-').at(-1)), t.getAttribute('aria-checked')]));
-  assert.ok(vendors.length > 3, String(vendors));
-  assert.ok(vendors.every(([, on]) => on === 'true'), String(vendors));
-  await tap(page, 'secondLayer', '#segment-1');
-  for (const [id] of vendors) await expectAttribute(page, 'secondLayer', `#vendor-${id}`, 'aria-checked', 'true');
-  await tap(page, 'secondLayer', '#save');
-  const saved = TCString.decode((await demo.waitFor(/v1\/consent \{"tcString":"([^"]+)".*"customized"/))[1]);
-  assert.deepEqual(ids(saved.purposeConsents), [2]);
-  assert.deepEqual(ids(saved.vendorConsents), vendors.map(([id]) => id).sort((a, b) => a - b));
-  await page.close();
   await demo.stop();
 });
 
