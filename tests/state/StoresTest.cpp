@@ -30,6 +30,7 @@ using ::testing::IsEmpty;
 
 TEST(NotificationCenter, DeliversInOrderOnThePostingThreadUntilTheTokenGoes) {
   NotificationCenter center;
+  EXPECT_FALSE(center.observed("n"));  // nobody observes anything yet
   std::vector<std::string> seen;
   auto first = center.addObserver("n", [&](const Notification& n) {
     seen.push_back("first " + std::to_string(*n.integer("id")) +

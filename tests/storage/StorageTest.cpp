@@ -156,15 +156,33 @@ TEST_P(Stores, ManyThreadsReadAndWriteAtOnce) {
   EXPECT_EQ(store_->readDictionary("shared")->size(), 1U);
 }
 
-// What the consent keys read as after each step, in testdata/golden/consent-storage.txt.
+// A store that counts the requests to persist.
+class Counted final : public KeyValueStore {
+ public:
+  explicit Counted(std::shared_ptr<KeyValueStore> inner) : inner_(std::move(inner)) {}
+  std::optional<StoreValue> get(std::string_view key) const override { return inner_->get(key); }
+  void set(std::string_view key, StoreValue value) override { inner_->set(key, std::move(value)); }
+  void remove(std::string_view key) override { inner_->remove(key); }
+  bool synchronize() override { return ++synchronized, inner_->synchronize(); }
+  int synchronized = 0;
+
+ private:
+  std::shared_ptr<KeyValueStore> inner_;
+};
+
+// What the consent keys read as after each step, and how often it asked the store to persist,
+// in testdata/golden/consent-storage.txt.
 TEST_P(Stores, ConsentStorageWalk) {
   const auto gvl = testing::jsonObject(testing::testdataText("gvl-v3-106.json"));
   std::string all;
   const auto step = [&](const std::string& name, const std::function<void()>& action) {
+    const auto counted = std::make_shared<Counted>(store_);
+    Platform::install({.keyValueStore = counted});
     action();
     reopen();
     const auto loaded = ConsentStorage::loadGVL();
-    all += name + "\n  consent " + std::to_string(ConsentStorage::getConsent()) + " string " +
+    all += name + ", persisted " + std::to_string(counted->synchronized) + "\n  consent " +
+           std::to_string(ConsentStorage::getConsent()) + " string " +
            ConsentStorage::getTCString().value_or("(none)") + " list " +
            (!loaded          ? "(none)"
             : *loaded == gvl ? "the saved list"
@@ -279,10 +297,16 @@ TEST(SqliteKeyValueStore, AnUnusableFileIsSetAsideAndANewStoreStarts) {
   std::mt19937 random(3);
   for (char& c : garbage)
     c = static_cast<char>(random());
+  sqlite3* held = nullptr;
   const std::pair<std::function<void(const std::filesystem::path&)>, std::string> rows[] = {
       {[&](const auto& path) { std::ofstream(path, std::ios::binary) << garbage; },
        "file is not a database"},
-      {[](const auto& path) { execute(path, "CREATE TABLE contacts (name TEXT);"); },
+      // Another connection keeps the database's WAL beside it.
+      {[&](const auto& path) {
+         sqlite3_open(path.c_str(), &held);
+         sqlite3_exec(held, "PRAGMA journal_mode=WAL; CREATE TABLE c (n);", nullptr, nullptr,
+                      nullptr);
+       },
        "not a QuilletSDK store"},
       {[](const auto& path) {
          SqliteKeyValueStore::open(path).value()->set("kept", "by a newer version");
@@ -318,6 +342,10 @@ TEST(SqliteKeyValueStore, AnUnusableFileIsSetAsideAndANewStoreStarts) {
     EXPECT_THAT(log.raw()[0], HasSubstr(aside[0].string()));
     std::ifstream kept(aside[0], std::ios::binary);
     EXPECT_EQ(std::string((std::istreambuf_iterator<char>(kept)), {}), old);
+    // The companions go with their file.
+    EXPECT_EQ(std::filesystem::exists(aside[0].string() + "-wal"), held != nullptr);
+    sqlite3_close(held);
+    held = nullptr;
   }
 }
 
