@@ -1,5 +1,5 @@
 // Long runs: thousands of decisions and start-ups through the facade against a loopback server
-// and a SQLite store, with the heap measured before and after; and a hundred fetches at once.
+// and a SQLite store, with the heap measured before and after.
 // Under the address sanitizer the leak checker runs at exit. SOAK_SCALE (a percentage, default
 // 100) shortens the runs for a quick look.
 
@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -150,41 +149,6 @@ TEST_F(SoakTest, AThousandStartUpsFromTheCachedVendorListKeepTheHeapFlat) {
   });
   EXPECT_EQ(server_.count("/cdn/gvl.json"), 1U) << "the vendor list was fetched again";
   EXPECT_EQ(server_.count("/cdn/pub/banner_config.json"), static_cast<std::size_t>(total + 1));
-}
-
-TEST(CurlHttpClientSoak, AHundredConcurrentFetchesAllCompleteAndNothingIsLeft) {
-  testing::TestServer server;
-  std::string body(std::size_t{100} * 1024, 'q');
-  server.reply("big.json", Reply{.body = body, .delay = 50ms});
-  const std::int64_t heapBefore = heapInUse();
-  {
-    const auto client = std::make_shared<CurlHttpClient>();
-    std::mutex mutex;
-    std::condition_variable finished;
-    int completed = 0;
-    int good = 0;
-    std::vector<std::string> errors;
-    for (int i = 0; i < 100; ++i) {
-      client->send(HttpRequest{.url = server.cdnBase() + "big.json", .timeout = 20s},
-                   [&](std::optional<Bytes> data, std::optional<HttpResponse> response,
-                       std::optional<HttpError> error) {
-                     std::lock_guard lock(mutex);
-                     ++completed;
-                     if (!error && response && response->status == 200 && data &&
-                         std::equal(data->begin(), data->end(), body.begin(), body.end()))
-                       ++good;
-                     else
-                       errors.push_back(error ? error->description : "a wrong answer");
-                     finished.notify_all();
-                   });
-    }
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(finished.wait_for(lock, 60s, [&] { return completed == 100; })) << completed;
-    EXPECT_EQ(good, 100) << ::testing::PrintToString(errors);
-    EXPECT_EQ(server.count("/cdn/big.json"), 100U);
-  }
-  // The client and every transfer are gone with it.
-  EXPECT_LT(std::abs(heapInUse() - heapBefore), kMegabyte);
 }
 
 }  // namespace
