@@ -66,7 +66,7 @@ fuzz: deps
 # every kind of disagreement is printed with its verdict from docs/differential.md.
 VARIANTS ?= 100000
 differential: build
-	node tests/interop/differential.mjs build/release/cli/quillet testdata --variants $(VARIANTS)
+	node scripts/differential.mjs build/release/cli/quillet testdata --variants $(VARIANTS)
 
 # A fuzz campaign: FUZZ_MINUTES (default 10) per target, two targets at a time, each target's
 # grown corpus minimised into fuzz/corpus/<target>/ and its runs added to fuzz/campaigns.tsv.

@@ -7,35 +7,30 @@
 namespace quillet {
 namespace {
 
-TEST(Text, PrefixCountsGraphemeClusters) {
-  EXPECT_EQ(Text::prefixCharacters("english", 2), "en");
-  EXPECT_EQ(Text::prefixCharacters("e", 2), "e");
-  EXPECT_EQ(Text::prefixCharacters("", 2), "");
-  EXPECT_EQ(Text::prefixCharacters("ab", 0), "");
-  // "e" + combining acute is one character, even though the first two bytes are ASCII-free.
-  EXPECT_EQ(Text::prefixCharacters("e\xCC\x81nx", 2), "e\xCC\x81n");
-  // An ASCII letter followed by a combining mark must not be split from it.
-  EXPECT_EQ(Text::prefixCharacters("ab\xCC\x81x", 2), "ab\xCC\x81");
-  EXPECT_EQ(Text::prefixCharacters("\r\nab", 2), "\r\na");
-  // A flag is two regional indicators; a family emoji is joined by ZWJs.
-  EXPECT_EQ(Text::prefixCharacters("🇫🇷x", 1), "🇫🇷");
-  EXPECT_EQ(Text::prefixCharacters("👨‍👩‍👧z!", 2), "👨‍👩‍👧z");
-  EXPECT_EQ(Text::prefixCharacters("日本語", 2), "日本");
-}
-
-TEST(Text, UpperCasingUsesTheFullMapping) {
-  EXPECT_EQ(Text::uppercased("fr"), "FR");
-  EXPECT_EQ(Text::uppercased("ß"), "SS");
-  EXPECT_EQ(Text::uppercased("straße"), "STRASSE");
-  EXPECT_EQ(Text::uppercased("ǆ"), "Ǆ");
-  EXPECT_EQ(Text::uppercased("ŉ"), "ʼN");
-  EXPECT_EQ(Text::uppercased("i"), "I");  // no Turkish dotted capital: locale-independent
-  EXPECT_EQ(Text::uppercased("éa1-"), "ÉA1-");
-}
-
-TEST(Text, IllFormedUtf8BecomesTheReplacementCharacter) {
-  EXPECT_EQ(Text::uppercased("a\xFF"), "A\xEF\xBF\xBD");
-  EXPECT_EQ(Text::prefixCharacters("\xC3x", 1), "\xEF\xBF\xBD");
+// Prefixes count grapheme clusters: "e" and a combining acute are one character, an ASCII letter
+// is not split from a mark after it, a flag is two regional indicators, a family is joined by
+// ZWJs. Upper-casing uses the full mapping, the same in every locale (no Turkish dotted capital).
+// Ill-formed UTF-8 becomes the replacement character.
+TEST(Text, PrefixesAndUpperCasing) {
+  const std::tuple<const char*, int, const char*> prefixes[] = {
+      {"english", 2, "en"},
+      {"e", 2, "e"},
+      {"", 2, ""},
+      {"ab", 0, ""},
+      {"e\xCC\x81nx", 2, "e\xCC\x81n"},
+      {"ab\xCC\x81x", 2, "ab\xCC\x81"},
+      {"\r\nab", 2, "\r\na"},
+      {"🇫🇷x", 1, "🇫🇷"},
+      {"👨‍👩‍👧z!", 2, "👨‍👩‍👧z"},
+      {"日本語", 2, "日本"},
+      {"\xC3x", 1, "\xEF\xBF\xBD"}};
+  for (const auto& [text, count, prefix] : prefixes)
+    EXPECT_EQ(Text::prefixCharacters(text, count), prefix) << text;
+  const std::pair<const char*, const char*> upper[] = {
+      {"fr", "FR"}, {"ß", "SS"}, {"straße", "STRASSE"}, {"ǆ", "Ǆ"},
+      {"ŉ", "ʼN"},  {"i", "I"},  {"éa1-", "ÉA1-"},      {"a\xFF", "A\xEF\xBF\xBD"}};
+  for (const auto& [text, uppercased] : upper)
+    EXPECT_EQ(Text::uppercased(text), uppercased) << text;
 }
 
 TEST(Text, EachThreadHasItsOwnBreakIterator) {
@@ -43,9 +38,8 @@ TEST(Text, EachThreadHasItsOwnBreakIterator) {
   std::atomic<int> wrong{0};
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&wrong] {
-      for (int i = 0; i < 500; ++i) {
-        if (Text::prefixCharacters("é\xCC\x81ß!", 2) != "é\xCC\x81ß") ++wrong;
-      }
+      for (int i = 0; i < 500; ++i)
+        wrong += Text::prefixCharacters("é\xCC\x81ß!", 2) != "é\xCC\x81ß";
     });
   }
   for (auto& thread : threads)

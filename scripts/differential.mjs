@@ -1,8 +1,8 @@
 // Differential run: variants of the real TC Strings of testdata, read by `quillet decode` and by
 // the IAB's reference library, and every disagreement between the two sorted into kinds.
 //
-//   node tests/interop/differential.mjs QUILLET TESTDATA [--variants N] [--seed S] [--examples K]
-//                                       [--report FILE]
+//   node scripts/differential.mjs QUILLET TESTDATA [--variants N] [--seed S] [--examples K]
+//                                 [--report FILE]
 //
 // Variants of each string: every single-bit flip, truncations at every character, each segment
 // dropped, segments of other strings added, and single characters changed to another base64url
@@ -15,9 +15,12 @@
 
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
+import { createRequire } from 'node:module';
 import path from 'node:path';
-import { TCString } from '@iabtechlabtcf/core';
-import { differingFields, generator, ourFields, referenceFields } from './reference.mjs';
+import { differingFields, generator, ourFields, referenceFields } from '../tests/interop/reference.mjs';
+
+// The reference library is installed with the tests' npm packages.
+const { TCString } = createRequire(new URL('../tests/package.json', import.meta.url))('@iabtechlabtcf/core');
 
 const usage = 'usage: differential.mjs QUILLET TESTDATA [--variants N] [--seed S] [--examples K]' +
   ' [--report FILE]';
