@@ -97,8 +97,8 @@ class Facade : public ::testing::Test {
 
   // Runs `action`, waits for `requests` more requests to reach the server, runs the main queue
   // dry, and narrates what changed.
-  void step(const std::string& name, const std::function<void()>& action,
-            std::size_t requests = 0) {
+  void step(const std::string& name, const std::function<void()>& action) { step(name, 0, action); }
+  void step(const std::string& name, std::size_t requests, const std::function<void()>& action) {
     walk_->step(name, [&] {
       action();
       EXPECT_TRUE(server_.waitFor("", requests + seen_)) << name;
@@ -106,25 +106,18 @@ class Facade : public ::testing::Test {
     });
   }
   void initialize(std::size_t requests, bool untilBanner = true) {
-    step(
-        "initialize",
-        [&] {
-          facade_->initialize("pub", [this] { ++completed_; });
-          EXPECT_TRUE(
-              pumpUntil([&] { return completed_ > 0 || (untilBanner && host_->count() > 0); }));
-        },
-        requests);
+    step("initialize", requests, [&] {
+      facade_->initialize("pub", [this] { ++completed_; });
+      EXPECT_TRUE(pumpUntil([&] { return completed_ > 0 || (untilBanner && host_->count() > 0); }));
+    });
   }
 
   testing::ConsentWalk::Values observe() {
     std::string requests;
-    auto all = server_.requests();
-    std::sort(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end(),
-              [](const auto& a, const auto& b) { return a.path + a.body < b.path + b.body; });
-    for (auto r = all.begin() + static_cast<std::ptrdiff_t>(seen_); r != all.end(); ++r) {
-      requests += "\n    " + r->path;
-      if (r->path != "/api/v1/consent") continue;
-      auto post = boost::json::parse(r->body).as_object();
+    for (const auto& r : server_.since(seen_)) {
+      requests += "\n    " + r.path;
+      if (r.path != "/api/v1/consent") continue;
+      auto post = boost::json::parse(r.body).as_object();
       for (const auto& [key, kept] : {std::pair{"tcString", StorageKeys::tcString},
                                       std::pair{"deviceId", StorageKeys::deviceId}}) {
         if (post.at(key).as_string() == store_->readString(kept).value_or(""))
@@ -132,7 +125,6 @@ class Facade : public ::testing::Test {
       }
       requests += " " + Json::print(post);
     }
-    seen_ = all.size();
     std::string screen;
     if (const auto presented = host_->presented(); !presented.empty()) {
       const auto& last = presented.back();
@@ -182,18 +174,13 @@ class Facade : public ::testing::Test {
 // suppresses the banner, forcing it opens the stored choices, and a new process shows nothing.
 TEST_F(Facade, AFirstRunAndTheDecisionsAfterIt) {
   initialize(3);
-  step(
-      "accept all on the banner", [&] { host_->decide(ConsentAction::acceptAll()); }, 1);
+  step("accept all on the banner", 1, [&] { host_->decide(ConsentAction::acceptAll()); });
   step("accept all again: the same string", [&] { facade_->acceptAllSelections(); });
-  step(
-      "five seconds later",
-      [&] {
-        clock_->millis += 5000;
-        facade_->acceptAllSelections();
-      },
-      1);
-  step(
-      "reject all", [&] { facade_->rejectAllSelections(); }, 1);
+  step("five seconds later", 1, [&] {
+    clock_->millis += 5000;
+    facade_->acceptAllSelections();
+  });
+  step("reject all", 1, [&] { facade_->rejectAllSelections(); });
   step("show the banner", [&] { facade_->showBanner(false); });
   step("forced, with the stores as in a new process", [&] {
     VendorConsentStore::shared().replaceStates({});
@@ -201,19 +188,15 @@ TEST_F(Facade, AFirstRunAndTheDecisionsAfterIt) {
     facade_->showBanner(true);
     EXPECT_TRUE(pumpUntil([&] { return host_->count() == 2; }));
   });
-  step(
-      "accept all on the second layer", [&] { host_->decide(ConsentAction::acceptAll()); }, 1);
-  step(
-      "a new process on the same store",
-      [&] {
-        install(SqliteKeyValueStore::open(directory_ / "store.sqlite").value());
-        QLTAPIServer::clearCache();
-        testing::emptyConsentStores();
-        facade_ = QuilletCMP::create();
-        facade_->initialize("pub", [this] { ++completed_; });
-        EXPECT_TRUE(pumpUntil([&] { return completed_ == 2; }));
-      },
-      2);
+  step("accept all on the second layer", 1, [&] { host_->decide(ConsentAction::acceptAll()); });
+  step("a new process on the same store", 2, [&] {
+    install(SqliteKeyValueStore::open(directory_ / "store.sqlite").value());
+    QLTAPIServer::clearCache();
+    testing::emptyConsentStores();
+    facade_ = QuilletCMP::create();
+    facade_->initialize("pub", [this] { ++completed_; });
+    EXPECT_TRUE(pumpUntil([&] { return completed_ == 2; }));
+  });
 }
 
 // Reject all stores no consent but discloses every vendor; on request a string also carries the
@@ -223,14 +206,11 @@ TEST_F(Facade, RejectAllThenCustomSelections) {
   host_->answer = ConsentAction::rejectAll();
   facade_->setConsentStoredHandler([this](const std::string& text) { handed_.push_back(text); });
   initialize(4);
-  step(
-      "feature 2 on for 755, then custom selections with the disclosed vendors",
-      [&] {
-        SpecialFeatureConsentStore::shared().setVendor(2, 755, true);
-        facade_->setAppendsDisclosedVendorsSegment(true);
-        facade_->applyCustomSelections({7, 99, 1}, {755, 900, 8});
-      },
-      1);
+  step("feature 2 on for 755, then custom selections with the disclosed vendors", 1, [&] {
+    SpecialFeatureConsentStore::shared().setVendor(2, 755, true);
+    facade_->setAppendsDisclosedVendorsSegment(true);
+    facade_->applyCustomSelections({7, 99, 1}, {755, 900, 8});
+  });
   EXPECT_EQ(handed_.back(), store_->readString(StorageKeys::tcString));
 }
 
@@ -247,21 +227,15 @@ TEST_F(Facade, WithoutAConfigurationNothingHappens) {
                 Reply{.status = 404, .body = "<html></html>", .contentType = "text/html"});
   store_->set(StorageKeys::tcString, "");
   initialize(3, false);
-  step(
-      "the reject-all string without a vendor list",
-      [&] {
-        EXPECT_EQ(facade_->makeTCStringRejectAll(), std::nullopt);
-        EXPECT_FALSE(facade_->isConfigLoaded());
-      },
-      2);
+  step("the reject-all string without a vendor list", 2, [&] {
+    EXPECT_EQ(facade_->makeTCStringRejectAll(), std::nullopt);
+    EXPECT_FALSE(facade_->isConfigLoaded());
+  });
   server_.reply("gvl.json", Reply{.body = testing::smallVendorList()});
-  step(
-      "show the banner once the list can be had",
-      [&] {
-        facade_->showBanner(false);
-        EXPECT_TRUE(pumpUntil([&] { return host_->count() == 1; }));
-      },
-      2);
+  step("show the banner once the list can be had", 2, [&] {
+    facade_->showBanner(false);
+    EXPECT_TRUE(pumpUntil([&] { return host_->count() == 1; }));
+  });
   step("show it from another thread", [&] {
     std::thread([this] { facade_->showBanner(false); }).join();
     EXPECT_EQ(host_->count(), 1U);  // nothing until the main queue runs
@@ -274,35 +248,26 @@ TEST_F(Facade, RejectAllStringWaitsForTheFetchAndStoresNothing) {
   const std::string list = testing::smallVendorList();
   store_->set(StorageKeys::gvlJson, Bytes(list.begin(), list.end()));
   store_->set(StorageKeys::vendorListVersion, 12);
-  step(
-      "initialize with an id that is not served",
-      [&] {
-        facade_->initialize("other-id-first", [this] { ++completed_; });
-        EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
-      },
-      2);
-  step(
-      "the reject-all string while the slow fetch runs",
-      [&] {
-        facade_->initialize("pub", nullptr);
-        const auto started = std::chrono::steady_clock::now();
-        walk_->transcript +=
-            "  " + testing::brief(facade_->makeTCStringRejectAll().value_or("")) + "\n";
-        EXPECT_GE(std::chrono::steady_clock::now() - started, 250ms);
-      },
-      3);
+  step("initialize with an id that is not served", 2, [&] {
+    facade_->initialize("other-id-first", [this] { ++completed_; });
+    EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
+  });
+  step("the reject-all string while the slow fetch runs", 3, [&] {
+    facade_->initialize("pub", nullptr);
+    const auto started = std::chrono::steady_clock::now();
+    walk_->transcript +=
+        "  " + testing::brief(facade_->makeTCStringRejectAll().value_or("")) + "\n";
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 250ms);
+  });
 }
 
 TEST_F(Facade, AFacadeReleasedDuringItsFetchStillCompletes) {
   server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig, .delay = 200ms});
-  step(
-      "initialize, then release the facade",
-      [&] {
-        facade_->initialize("pub", [this] { ++completed_; });
-        facade_.reset();
-        EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
-      },
-      3);
+  step("initialize, then release the facade", 3, [&] {
+    facade_->initialize("pub", [this] { ++completed_; });
+    facade_.reset();
+    EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
+  });
 }
 
 // The whole banner document of the configuration and vendor list that the demo ships, in

@@ -66,33 +66,33 @@ class QLTAPIServerTest : public ::testing::Test {
                   : "none";
   }
 
-  // Waits for `promise`'s value at most 20 seconds, so that a hang fails instead.
-  template <class T>
-  static T await(std::future<T> future) {
-    if (future.wait_for(20s) == std::future_status::ready) return future.get();
-    ADD_FAILURE() << "no completion";
-    return {};
-  }
-
-  std::string fetch(const std::string& id) {
+  // Calls `start` with a completion that records a text, and gives the text, waiting at most 20
+  // seconds so that a hang fails instead.
+  using Done = std::function<void(std::string)>;
+  static std::string completed(const std::function<void(Done)>& start) {
     auto done = std::make_shared<std::promise<std::string>>();
-    QLTAPIServer::fetchBannerConfigAndMaybeGVL(
-        id, [done](std::optional<BrandingConfig> config, QLTAPIServer::VendorList gvl) {
-          done->set_value("config " + text(config) + ", list " + text(gvl));
-        });
-    return await(done->get_future());
+    start([done](std::string text) { done->set_value(std::move(text)); });
+    auto future = done->get_future();
+    return future.wait_for(20s) == std::future_status::ready ? future.get() : "no completion";
+  }
+  std::string fetch(const std::string& id) {
+    return completed([&](const Done& done) {
+      QLTAPIServer::fetchBannerConfigAndMaybeGVL(id, [done](auto config, auto gvl) {
+        done("config " + text(config) + ", list " + text(gvl));
+      });
+    });
   }
   std::string fetchGVL() {
-    auto done = std::make_shared<std::promise<std::string>>();
-    QLTAPIServer::fetchGVL([done](QLTAPIServer::VendorList gvl) { done->set_value(text(gvl)); });
-    return "list " + await(done->get_future());
+    return completed([](const Done& done) {
+      QLTAPIServer::fetchGVL([done](auto gvl) { done("list " + text(gvl)); });
+    });
   }
   std::string fetchConfig(const std::string& id) {
-    auto done = std::make_shared<std::promise<std::string>>();
-    QLTAPIServer::fetchBrandingConfig(
-        id, [done](std::optional<BrandingConfig> config) { done->set_value(text(config)); });
-    const std::string fetched = await(done->get_future());
-    return "config " + fetched + ", cached " + text(QLTAPIServer::cachedConfig());
+    return completed([&](const Done& done) {
+      QLTAPIServer::fetchBrandingConfig(id, [done](auto config) {
+        done("config " + text(config) + ", cached " + text(QLTAPIServer::cachedConfig()));
+      });
+    });
   }
 
   // Runs `action` (which gives its outcome) and narrates what it caused; `requests` and `lines`
@@ -104,17 +104,12 @@ class QLTAPIServerTest : public ::testing::Test {
     while ((server_.requests().size() < seen_ + requests || log_.lines().size() < lines) &&
            std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(5ms);
-    auto requestsNow = server_.requests();
-    std::sort(requestsNow.begin() + static_cast<std::ptrdiff_t>(seen_), requestsNow.end(),
-              [](const auto& a, const auto& b) { return a.path + a.body < b.path + b.body; });
-    for (auto r = requestsNow.begin() + static_cast<std::ptrdiff_t>(seen_); r != requestsNow.end();
-         ++r) {
-      const auto type = r->headers.find("Content-Type");
-      transcript_ += "  " + r->method + " " + r->path + " " + r->body +
-                     (type != r->headers.end() && r->method == "POST" ? " " + type->second : "") +
+    for (const auto& r : server_.since(seen_)) {
+      const auto type = r.headers.find("Content-Type");
+      transcript_ += "  " + r.method + " " + r.path + " " + r.body +
+                     (type != r.headers.end() && r.method == "POST" ? " " + type->second : "") +
                      "\n";
     }
-    seen_ = requestsNow.size();
     for (const auto& line : log_.lines())
       transcript_ +=
           "  log " +

@@ -1,5 +1,6 @@
 #include "support/TestServer.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <arpa/inet.h>
@@ -134,6 +135,16 @@ void TestServer::record(const httplib::Request& request) {
 std::vector<RecordedRequest> TestServer::requests() const {
   std::lock_guard lock(mutex_);
   return requests_;
+}
+
+std::vector<RecordedRequest> TestServer::since(std::size_t& seen) const {
+  std::vector<RecordedRequest> all = requests();
+  std::vector<RecordedRequest> later(
+      all.begin() + static_cast<std::ptrdiff_t>(std::min(seen, all.size())), all.end());
+  std::sort(later.begin(), later.end(),
+            [](const auto& a, const auto& b) { return a.path + a.body < b.path + b.body; });
+  seen = all.size();
+  return later;
 }
 
 std::size_t TestServer::count(const std::string& path) const {

@@ -60,6 +60,9 @@ class TestServer {
   void replyToPost(const std::string& apiPath, int status);
 
   std::vector<RecordedRequest> requests() const;
+  /// The requests after the first `seen`, ordered by path and body (requests sent at once arrive
+  /// in any order); `seen` becomes the count so far.
+  std::vector<RecordedRequest> since(std::size_t& seen) const;
   /// Off: requests are only counted, not kept (long runs whose memory is measured).
   void keepRequests(bool keep);
   std::size_t count(const std::string& path) const;
