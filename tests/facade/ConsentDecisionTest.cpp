@@ -3,6 +3,8 @@
 // (testdata/golden/consent-mode.txt) and what __tcfapi hands web content
 // (testdata/golden/tcfapi.json).
 
+#include <sstream>
+
 #include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
 
@@ -15,6 +17,7 @@
 #include "quillet/core/TcfApi.h"
 
 #include "SmallVendorList.h"
+#include "support/Cases.h"
 #include "support/ConsentWalk.h"
 #include "support/RecordingLogSink.h"
 #include "support/RecordingScreenHost.h"
@@ -34,137 +37,94 @@ std::string text(const ConsentDecision::Choices& c) {
          Text::printedList(c.vendorLegitimateInterests);
 }
 
-// Each action on the small vendor list (vendors 8, 10 and 755 selected, the purposes they declare
-// configured) or on a list of its own: the five lists, then for whole decisions the string in
-// brief with the consent flag and the event type; then what the stores hold for stored strings.
-TEST(ConsentDecision, EachDecisionGivesItsGoldenListsAndString) {
-  const NestedConsentFlags li{
-      {8, {{7, true}}}, {755, {{2, false}, {10, true}}}, {900, {{11, true}}}};
-  struct Case {
-    const char* name;
-    ConsentAction action;
-    Ids purposeIds = {1, 2, 3, 7, 10};
-    Ids vendorIds = {8, 10, 755};
-    NestedConsentFlags legitimateInterests = {};
-    ConsentFlags specialFeatureMasters = {};
-    std::string gvl = testing::smallVendorList();
-    std::optional<std::string_view> publisherCC = std::nullopt;
-  };
-  const Case cases[] = {
-      {"accept all",
-       ConsentAction::acceptAll(),
-       {1, 2, 3, 7, 10},
-       {755, 8, 10},
-       {},
-       {},
-       testing::smallVendorList(),
-       "de"},
-      {"accept all with an empty selection", ConsentAction::acceptAll(), {1, 2}, {}},
-      {"accept all with special features as an array",
-       ConsentAction::acceptAll(),
-       {1, 3},
-       {10},
-       {},
-       {},
-       R"({"specialFeatures": [{"id": 5}, {"name": "no id"}, {"id": 3}],
-           "vendors": {"10": {"purposes": [1, 3], "legIntPurposes": []}}})"},
-      {"a vendor without an entry or with a mistyped list declares nothing",
-       ConsentAction::acceptAll(),
-       {1, 2},
-       {6, 5, 4},
-       {},
-       {},
-       R"({"vendors": {"5": {"purposes": [2], "legIntPurposes": ["7"]}, "6": []}})"},
-      {"reject all", ConsentAction::rejectAll(), {1, 2}, {8}, li, {{1, true}}},
-      {"customize keeps the given order of configured purposes, sorts the selected vendors",
-       ConsentAction::customize({7, 99, 1}, {755, 900, 8}),
-       {1, 2, 3, 7, 10},
-       {8, 10, 755},
-       li,
-       {{1, false}, {2, true}},
-       testing::smallVendorList(),
-       "gbr"},
-      {"customize without switches on",
-       ConsentAction::customize({}, {10}),
-       {1},
-       {10},
-       {{8, {{7, false}}}},
-       {{1, false}}},
-  };
-  std::string all;
-  const auto now = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
-  for (const auto& c : cases) {
-    const auto gvl = boost::json::parse(c.gvl).as_object();
-    const VendorList::Facts facts = VendorList::facts(gvl);
-    const ConsentDecision::Inputs inputs{.gvl = gvl,
-                                         .facts = facts,
-                                         .purposeIds = c.purposeIds,
-                                         .vendorIds = c.vendorIds,
-                                         .publisherCC = c.publisherCC,
-                                         .consentLanguage = "FR",
-                                         .legitimateInterests = c.legitimateInterests,
-                                         .specialFeatureMasters = c.specialFeatureMasters,
-                                         .now = now};
-    const auto decision = ConsentDecision::decide(c.action, inputs);
-    EXPECT_EQ(decision.choices, ConsentDecision::choose(c.action, inputs)) << c.name;
-    all += std::string(c.name) + "\n  " + text(decision.choices) + "\n  " +
-           std::to_string(decision.consent) + " " + std::string(decision.eventType) + " " +
-           testing::brief(decision.tcString) + "\n";
-  }
-  const std::string core = QLTCMPUtils::encodeTCString(
-      QLTCMPUtils::TCStringInput{.purposeConsents = {1, 7},
-                                 .purposeLegitimateInterests = {7, 10},
-                                 .specialFeatureOptins = {2},
-                                 .vendorConsents = {10, 900},
-                                 .vendorLegitimateInterests = {8, 10, 755},
-                                 .gvlVendorIds = {900}},
-      FixedClock({}));
+Ids ids(const boost::json::value& list) {
+  Ids out;
+  for (const auto& id : list.as_array())
+    out.push_back(id.as_int64());
+  return out;
+}
+
+ConsentFlags flags(const boost::json::value* json) {
+  ConsentFlags out;
+  for (const auto& [key, on] : json ? json->as_object() : boost::json::object{})
+    out.emplace(std::stoll(std::string(key)), on.as_bool());
+  return out;
+}
+
+// Each case of testdata/decision-cases.txt against testdata/golden/decisions.txt.
+TEST(ConsentDecision, EveryCaseGivesItsGoldenResult) {
   const auto small = boost::json::parse(testing::smallVendorList()).as_object();
-  const auto arrayFeatures = boost::json::parse(R"({"specialFeatures": [{"id": 2}]})").as_object();
-  // Only the core before the first separator is read; an array of special features is not.
-  for (const auto& [stored, gvl] : {std::pair{core, &small},
-                                    {core + ".IFoEUQQgAIQwgIwQABAEAAAAOIAACAIAUA", &small},
-                                    {core, &arrayFeatures},
-                                    {"", &small},
-                                    {".", &small},
-                                    {"not base64!", &small},
-                                    {"CAAAAAA", &small}}) {
-    const Ids purposeIds{1, 2, 7};
-    const Ids vendorIds{8, 10, 755};
-    const auto held = ConsentDecision::storeContents(stored, purposeIds, vendorIds, *gvl);
-    all += "stores for \"" + stored.substr(0, 12) + "\": " +
-           (held ? ConsentWalk::text(held->purposes) + " | " + ConsentWalk::text(held->vendors) +
-                       " | " + ConsentWalk::text(held->legitimateInterests) + "| " +
-                       ConsentWalk::text(held->specialFeatureMasters)
-                 : "none") +
-           "\n";
+  const auto now = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
+  std::string all;
+  for (const auto& [title, body] : testing::cases("decision-cases.txt")) {
+    all += "== " + title + "\n";
+    std::vector<std::string> lines;
+    std::istringstream bodyLines(body);
+    for (std::string line; std::getline(bodyLines, line);)
+      lines.push_back(line);
+    if (title.starts_with("decide")) {
+      const auto c = testing::jsonObject(body);
+      const auto gvl = c.contains("gvl") ? c.at("gvl").as_object() : small;
+      const auto facts = VendorList::facts(gvl);
+      const Ids purposeIds = ids(c.at("purposes")), vendorIds = ids(c.at("vendors"));
+      NestedConsentFlags li;
+      for (const auto& [vendor, purposes] :
+           c.contains("li") ? c.at("li").as_object() : boost::json::object{})
+        li.emplace(std::stoll(std::string(vendor)), flags(&purposes));
+      const ConsentFlags masters = flags(c.if_contains("masters"));
+      const auto* country = c.if_contains("country");
+      const auto& a = c.at("action");
+      const ConsentAction action = a == "acceptAll" ? ConsentAction::acceptAll()
+                                   : a == "rejectAll"
+                                       ? ConsentAction::rejectAll()
+                                       : ConsentAction::customize(ids(a.at("customize").at(0)),
+                                                                  ids(a.at("customize").at(1)));
+      const ConsentDecision::Inputs inputs{
+          .gvl = gvl,
+          .facts = facts,
+          .purposeIds = purposeIds,
+          .vendorIds = vendorIds,
+          .publisherCC =
+              country ? std::optional<std::string_view>(country->as_string()) : std::nullopt,
+          .consentLanguage = "FR",
+          .legitimateInterests = li,
+          .specialFeatureMasters = masters,
+          .now = now};
+      const auto decision = ConsentDecision::decide(action, inputs);
+      EXPECT_EQ(decision.choices, ConsentDecision::choose(action, inputs)) << title;
+      all += text(decision.choices) + "\n" + std::to_string(decision.consent) + " " +
+             std::string(decision.eventType) + " " + testing::brief(decision.tcString) + "\n";
+    } else if (title.starts_with("stores")) {
+      const auto gvl = lines.size() > 1 ? testing::jsonObject(lines[1]) : small;
+      const Ids purposeIds{1, 2, 7}, vendorIds{8, 10, 755};
+      const auto held =
+          ConsentDecision::storeContents(lines.empty() ? "" : lines[0], purposeIds, vendorIds, gvl);
+      all += (held ? ConsentWalk::text(held->purposes) + " | " + ConsentWalk::text(held->vendors) +
+                         " | " + ConsentWalk::text(held->legitimateInterests) + "| " +
+                         ConsentWalk::text(held->specialFeatureMasters)
+                   : "none") +
+             "\n";
+    } else {
+      for (const auto& line : lines) {
+        for (const auto& [key, value] : GoogleConsentMode::signalsFor(line))
+          all += key + "=" + value + " ";
+        all += "\n";
+      }
+    }
   }
   EXPECT_TRUE(testing::matchesGolden("decisions.txt", all));
 }
 
-// Only purposes one and seven decide the signals; the registered analytics library gets them,
-// and without one the log says it is missing.
-TEST(GoogleConsentMode, SignalsForEachStringAndTheirHandingOver) {
-  const auto withPurposes = [](std::vector<std::int64_t> purposes) {
-    return QLTCMPUtils::encodeTCString(purposes, std::vector<std::int64_t>{1},
-                                       std::vector<std::int64_t>{1}, FixedClock({}));
-  };
+// The registered analytics library is handed the signals; without one the log says it is missing.
+TEST(GoogleConsentMode, HandsTheSignalsToTheAnalyticsLibrary) {
+  const std::string tcString = "CAAAAAAAAAAAAHXABAENABBAAMAAAAAAACiQAAoAAgAA";  // purposes 1 and 2
   std::string all;
-  for (const auto& tcString :
-       {withPurposes({1}), withPurposes({7}), withPurposes({2, 3, 4}),
-        withPurposes({1, 7}) + ".IAAA", std::string(), std::string("garbage"), std::string("CA"),
-        std::string("!!"), std::string("a.b")}) {
-    all += "\"" + tcString.substr(0, 12) + "\":";
-    for (const auto& [key, value] : GoogleConsentMode::signalsFor(tcString))
-      all += " " + key + "=" + value;
-    all += "\n";
-  }
   const testing::LogCapture log;
   for (const char* name : {"FIRAnalytics", "SomethingElse"}) {
     AnalyticsRegistry registry;
     auto analytics = std::make_shared<testing::RecordingAnalytics>();
     registry.registerClass(name, analytics);
-    GoogleConsentMode::update(withPurposes({1, 2}), registry);
+    GoogleConsentMode::update(tcString, registry);
     all += std::string(name) + ": " + std::to_string(analytics->calls().size()) + " calls\n";
   }
   for (const auto& line : log.lines())
