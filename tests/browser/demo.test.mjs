@@ -117,11 +117,15 @@ test('first visit: view all, accept all as the ad slot hears it, Reject All from
   assert.deepEqual(await adSlotHears(page, 'cmpuishown'), []);
   const banner = await showing(page, 'banner');
   await page.screenshot({ path: join(artifacts, 'demo-banner.png') });
-  const display = () => banner.locator('#qlt-stacks-all').evaluate((e) => getComputedStyle(e).display);
+  // "View all data processing activities" unfolds the full list and "Hide list" folds it.
+  const display = (id) => banner.locator(id).evaluate((e) => getComputedStyle(e).display);
+  const count = Number(/\((\d+)\)/.exec(await banner.locator('#qlt-view-all').textContent())[1]);
   await banner.locator('#qlt-view-all').click();
-  assert.equal(await display(), 'block');
+  assert.deepEqual([await display('#qlt-stacks-all'), await display('#qlt-view-all')], ['block', 'none']);
+  assert.equal(await banner.locator('#qlt-hide-all').getAttribute('aria-expanded'), 'true');
+  assert.ok(count > 3 && await banner.locator('#qlt-stacks-all li').count() === count, String(count));
   await banner.locator('#qlt-hide-all').click();
-  assert.equal(await display(), 'none');
+  assert.deepEqual([await display('#qlt-stacks-all'), await display('#qlt-view-all')], ['none', 'inline']);
 
   // A second tab on the same host sees the same screen, and sees it go.
   const other = await openHost(demo, 'banner');

@@ -1,5 +1,5 @@
-// The screens' documents in a real browser: folding, the switches' look, keyboard use, and
-// hostile text that must never run.
+// The screens' documents in a real browser: the switches' look, keyboard use, and hostile text
+// that must never run.
 import { execFileSync } from 'node:child_process';
 import { mkdirSync, mkdtempSync, readdirSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
@@ -35,27 +35,6 @@ async function open(name) {
   page.dialogs = dialogs;
   return page;
 }
-
-const display = (page, selector) =>
-  page.$eval(selector, (element) => getComputedStyle(element).display);
-
-test('"View all data processing activities" unfolds the full list and "Hide list" folds it', async () => {
-  const page = await open('banner.html');
-  assert.equal(await display(page, '#qlt-stacks-all'), 'none');
-  const label = await page.textContent('#qlt-view-all');
-  const count = Number(/\((\d+)\)/.exec(label)[1]);
-  assert.ok(count > 3, label);
-  await page.click('#qlt-view-all');
-  assert.equal(await display(page, '#qlt-stacks-all'), 'block');
-  assert.equal(await display(page, '#qlt-view-all'), 'none');
-  assert.equal(await page.getAttribute('#qlt-hide-all', 'aria-expanded'), 'true');
-  assert.equal(await page.locator('#qlt-stacks-all li').count(), count);
-  await page.screenshot({ path: join(artifacts, 'banner-unfolded.png'), fullPage: true });
-  await page.click('#qlt-hide-all');
-  assert.equal(await display(page, '#qlt-stacks-all'), 'none');
-  assert.equal(await display(page, '#qlt-view-all'), 'inline');
-  await page.close();
-});
 
 test('switches look as specified: knob offset, track colour, opacity and a 0.18 s slide', async () => {
   const page = await open('purposes.html');
