@@ -245,7 +245,7 @@ TEST_F(Facade, WithoutAConfigurationNothingHappens) {
 TEST_F(Facade, RejectAllStringWaitsForTheFetchAndStoresNothing) {
   server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig, .delay = 300ms});
   host_->available = false;  // no screens: initialise only loads
-  const std::string list = testing::smallVendorList();
+  const std::string& list = testing::smallVendorList();
   store_->set(StorageKeys::gvlJson, Bytes(list.begin(), list.end()));
   store_->set(StorageKeys::vendorListVersion, 12);
   step("initialize with an id that is not served", 2, [&] {

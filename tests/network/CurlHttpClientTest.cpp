@@ -20,30 +20,31 @@ using namespace std::chrono_literals;
 std::string exchange(HttpClient& client, HttpRequest request) {
   auto promise = std::make_shared<std::promise<std::string>>();
   const auto started = std::chrono::steady_clock::now();
-  client.send(std::move(request), [promise](std::optional<Bytes> data,
-                                            std::optional<HttpResponse> response,
-                                            std::optional<HttpError> error) {
-    std::string out;
-    if (error) {
-      static constexpr const char* kCodes[] = {"bad URL",         "cannot find host",
-                                               "cannot connect",  "timed out",
-                                               "connection lost", "too many redirects",
-                                               "too large",       "secure connection failed",
-                                               "cancelled",       "other"};
-      out = std::string("error: ") + kCodes[static_cast<int>(error->code)] +
-            (error->description.empty() ? " without a description" : "");
-    }
-    if (response) out += "status " + std::to_string(response->status);
-    for (const auto& [name, value] : response ? response->headers : HttpHeaders{}) {
-      if (strcasecmp(name.c_str(), "content-type") == 0) out += " type " + value;
-      if (strcasecmp(name.c_str(), "content-encoding") == 0) out += " compressed";
-    }
-    if (data)
-      out += " body " +
-             std::string(data->begin(), data->begin() + std::min<std::size_t>(data->size(), 40)) +
-             " (" + std::to_string(data->size()) + " bytes)";
-    promise->set_value(out);
-  });
+  client.send(
+      std::move(request), [promise](std::optional<Bytes> data, std::optional<HttpResponse> response,
+                                    std::optional<HttpError> error) {
+        std::string out;
+        if (error) {
+          static constexpr const char* kCodes[] = {"bad URL",         "cannot find host",
+                                                   "cannot connect",  "timed out",
+                                                   "connection lost", "too many redirects",
+                                                   "too large",       "secure connection failed",
+                                                   "cancelled",       "other"};
+          out = std::string("error: ") + kCodes[static_cast<int>(error->code)] +
+                (error->description.empty() ? " without a description" : "");
+        }
+        if (response) out += "status " + std::to_string(response->status);
+        for (const auto& [name, value] : response ? response->headers : HttpHeaders{}) {
+          if (strcasecmp(name.c_str(), "content-type") == 0) out += " type " + value;
+          if (strcasecmp(name.c_str(), "content-encoding") == 0) out += " compressed";
+        }
+        if (data)
+          out += " body " +
+                 std::string(reinterpret_cast<const char*>(data->data()),
+                             std::min<std::size_t>(data->size(), 40)) +
+                 " (" + std::to_string(data->size()) + " bytes)";
+        promise->set_value(out);
+      });
   auto future = promise->get_future();
   if (future.wait_for(20s) != std::future_status::ready) return "no completion";
   return future.get() + (std::chrono::steady_clock::now() - started > 5s ? " (slow)" : "");
