@@ -107,7 +107,7 @@ class Facade : public ::testing::Test {
   }
   void initialize(std::size_t requests, bool untilBanner = true) {
     step("initialize", requests, [&] {
-      facade_->initialize("pub", [this] { ++completed_; });
+      facade_->initialize("pub", [this] { complete(); });
       EXPECT_TRUE(pumpUntil([&] { return completed_ > 0 || (untilBanner && host_->count() > 0); }));
     });
   }
@@ -148,7 +148,7 @@ class Facade : public ::testing::Test {
             {"stored", std::to_string(store_->readBool(StorageKeys::consent)) + " " +
                            testing::brief(store_->readString(StorageKeys::tcString).value_or(""))},
             {"consent mode", mode},
-            {"completed", std::to_string(completed_)},
+            {"completed", std::to_string(completed_) + completion_},
             {"handed to the host", std::to_string(handed_.size())}};
   }
 
@@ -163,7 +163,13 @@ class Facade : public ::testing::Test {
       std::make_shared<testing::RecordingAnalytics>();
   std::shared_ptr<SettableClock> clock_ = std::make_shared<SettableClock>();
   std::shared_ptr<QuilletCMP> facade_ = QuilletCMP::create();
+  // The completion, and how many Consent Mode updates came before it.
+  void complete() {
+    completion_ = " after " + std::to_string(firebase_->calls().size()) + " Consent Mode updates";
+    ++completed_;
+  }
   std::atomic<int> completed_{0};
+  std::string completion_;
   std::vector<std::string> handed_;
   std::optional<testing::ConsentWalk> walk_;
   std::size_t seen_ = 0;
@@ -194,7 +200,7 @@ TEST_F(Facade, AFirstRunAndTheDecisionsAfterIt) {
     QLTAPIServer::clearCache();
     testing::emptyConsentStores();
     facade_ = QuilletCMP::create();
-    facade_->initialize("pub", [this] { ++completed_; });
+    facade_->initialize("pub", [this] { complete(); });
     EXPECT_TRUE(pumpUntil([&] { return completed_ == 2; }));
   });
 }
@@ -249,7 +255,7 @@ TEST_F(Facade, RejectAllStringWaitsForTheFetchAndStoresNothing) {
   store_->set(StorageKeys::gvlJson, Bytes(list.begin(), list.end()));
   store_->set(StorageKeys::vendorListVersion, 12);
   step("initialize with an id that is not served", 2, [&] {
-    facade_->initialize("other-id-first", [this] { ++completed_; });
+    facade_->initialize("other-id-first", [this] { complete(); });
     EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
   });
   step("the reject-all string while the slow fetch runs", 3, [&] {
@@ -264,7 +270,7 @@ TEST_F(Facade, RejectAllStringWaitsForTheFetchAndStoresNothing) {
 TEST_F(Facade, AFacadeReleasedDuringItsFetchStillCompletes) {
   server_.reply("pub/banner_config.json", Reply{.body = testing::kSmallConfig, .delay = 200ms});
   step("initialize, then release the facade", 3, [&] {
-    facade_->initialize("pub", [this] { ++completed_; });
+    facade_->initialize("pub", [this] { complete(); });
     facade_.reset();
     EXPECT_TRUE(pumpUntil([&] { return completed_ == 1; }));
   });
