@@ -77,6 +77,7 @@ TEST_F(CurlHttpClientTest, EachExchangeGivesItsGoldenOutcome) {
         .url = server_.apiBase() + "/v1/consent",
         .headers = {{"Content-Type", "application/json"}},
         .body = R"({"x":"é"})"}},
+      {"put", {.method = "PUT", .url = server_.apiBase() + "/v1/consent", .body = "{}"}},
       {"redirect loop", {.url = server_.cdnBase() + "loop"}},
       {"refused", {.url = local(testing::closedPort())}},
       {"silent", {.url = local(silent.port()), .timeout = 300ms}},

@@ -10,6 +10,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
+#include "support/CountingStore.h"
 #include "support/RecordingLogSink.h"
 #include "support/TestData.h"
 #include "support/TestServer.h"
@@ -120,12 +121,14 @@ class QLTAPIServerTest : public ::testing::Test {
         "stored " + std::to_string(store_->readInteger(StorageKeys::vendorListVersion)) + " " +
         (stored ? std::string(stored->begin(), stored->end()) : "none") + ", in memory " +
         text(QLTAPIServer::cachedGVL()) + ", device " +
-        store_->readString(StorageKeys::deviceId).value_or("none");
+        store_->readString(StorageKeys::deviceId).value_or("none") + ", persisted " +
+        std::to_string(store_->synchronized);
     if (std::exchange(lists_, lists) != lists) transcript_ += "  " + lists + "\n";
   }
 
   testing::TestServer server_;
-  std::shared_ptr<MemoryKeyValueStore> store_ = std::make_shared<MemoryKeyValueStore>();
+  std::shared_ptr<testing::CountingStore> store_ =
+      std::make_shared<testing::CountingStore>(std::make_shared<MemoryKeyValueStore>());
   std::shared_ptr<FixedClock> clock_ = std::make_shared<FixedClock>(
       std::chrono::system_clock::time_point(std::chrono::microseconds(2500400)));
   testing::LogCapture log_;

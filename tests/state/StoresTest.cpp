@@ -38,6 +38,7 @@ TEST(NotificationCenter, DeliversInOrderOnThePostingThreadUntilTheTokenGoes) {
   });
   auto second = center.addObserver("n", [&](const Notification&) { seen.push_back("second"); });
   auto other = center.addObserver("other", [&](const Notification&) { seen.push_back("other"); });
+  EXPECT_TRUE(center.observed("other"));
   center.post("n", {{"id", std::int64_t{7}}, {"on", true}});
   first.reset();
   center.post("n", {{"id", std::int64_t{8}}, {"on", false}});

@@ -19,6 +19,7 @@
 #include "quillet/storage/StoreValueCodec.h"
 
 #include "support/ChildProcess.h"
+#include "support/CountingStore.h"
 #include "support/RecordingLogSink.h"
 #include "support/ScopedEnvironment.h"
 #include "support/TempDirectory.h"
@@ -156,27 +157,13 @@ TEST_P(Stores, ManyThreadsReadAndWriteAtOnce) {
   EXPECT_EQ(store_->readDictionary("shared")->size(), 1U);
 }
 
-// A store that counts the requests to persist.
-class Counted final : public KeyValueStore {
- public:
-  explicit Counted(std::shared_ptr<KeyValueStore> inner) : inner_(std::move(inner)) {}
-  std::optional<StoreValue> get(std::string_view key) const override { return inner_->get(key); }
-  void set(std::string_view key, StoreValue value) override { inner_->set(key, std::move(value)); }
-  void remove(std::string_view key) override { inner_->remove(key); }
-  bool synchronize() override { return ++synchronized, inner_->synchronize(); }
-  int synchronized = 0;
-
- private:
-  std::shared_ptr<KeyValueStore> inner_;
-};
-
 // What the consent keys read as after each step, and how often it asked the store to persist,
 // in testdata/golden/consent-storage.txt.
 TEST_P(Stores, ConsentStorageWalk) {
   const auto gvl = testing::jsonObject(testing::testdataText("gvl-v3-106.json"));
   std::string all;
   const auto step = [&](const std::string& name, const std::function<void()>& action) {
-    const auto counted = std::make_shared<Counted>(store_);
+    const auto counted = std::make_shared<testing::CountingStore>(store_);
     Platform::install({.keyValueStore = counted});
     action();
     reopen();

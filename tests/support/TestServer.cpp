@@ -100,6 +100,7 @@ TestServer::TestServer() {
     response.set_content("{}", "application/json");
   };
   server_.Post(R"(/api/(.+))", post);
+  server_.Put(R"(/api/(.+))", post);
   port_ = server_.bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("the test server could not bind");
   thread_ = startAccepting(server_);

@@ -56,7 +56,7 @@ class TestServer {
 
   /// What GET <cdn>/<path> answers; paths without a reply get 404 and an HTML page.
   void reply(const std::string& cdnPath, Reply reply);
-  /// What POSTs to <api>/<path> answer (default 200 with an empty JSON object).
+  /// What POSTs (and PUTs) to <api>/<path> answer (default 200 with an empty JSON object).
   void replyToPost(const std::string& apiPath, int status);
 
   std::vector<RecordedRequest> requests() const;
