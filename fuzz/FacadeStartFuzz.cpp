@@ -20,7 +20,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 
 #include "FuzzInput.h"
-#include "support/ConsentStores.h"
+#include "support/ConsentWalk.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "quillet/base/QltLog.h"
 
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
 
 namespace quillet {
 namespace {

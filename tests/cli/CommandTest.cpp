@@ -5,8 +5,8 @@
 
 #include "quillet/base/Version.h"
 
-#include "support/Cases.h"
 #include "support/ChildProcess.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {

@@ -14,8 +14,8 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/codec/TCString.h"
 
-#include "support/Cases.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {

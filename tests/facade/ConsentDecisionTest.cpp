@@ -16,12 +16,11 @@
 #include "quillet/core/GoogleConsentMode.h"
 #include "quillet/core/TcfApi.h"
 
-#include "SmallVendorList.h"
-#include "support/Cases.h"
+#include "facade/FacadeData.h"
 #include "support/ConsentWalk.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
 #include "support/RecordingScreenHost.h"
-#include "support/TCStringBrief.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {

@@ -23,13 +23,11 @@
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
-#include "SmallVendorList.h"
+#include "facade/FacadeData.h"
 #include "support/ChildProcess.h"
-#include "support/ConsentStores.h"
 #include "support/ConsentWalk.h"
 #include "support/RecordingScreenHost.h"
-#include "support/TCStringBrief.h"
-#include "support/TempDirectory.h"
+#include "support/TestData.h"
 #include "support/TestServer.h"
 
 namespace quillet {

@@ -10,8 +10,8 @@
 #include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
 
-#include "support/Cases.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
+#include "support/TestData.h"
 
 namespace quillet {
 namespace {

@@ -10,8 +10,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
-#include "support/CountingStore.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
 #include "support/TestData.h"
 #include "support/TestServer.h"
 

@@ -18,9 +18,9 @@
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 
-#include "facade/SmallVendorList.h"
-#include "support/ConsentStores.h"
-#include "support/TempDirectory.h"
+#include "facade/FacadeData.h"
+#include "support/ConsentWalk.h"
+#include "support/TestData.h"
 #include "support/TestServer.h"
 
 #if defined(__SANITIZE_ADDRESS__)

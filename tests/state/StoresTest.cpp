@@ -18,7 +18,6 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
-#include "support/ConsentStores.h"
 #include "support/ConsentWalk.h"
 #include "support/TestData.h"
 

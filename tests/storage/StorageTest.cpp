@@ -19,10 +19,7 @@
 #include "quillet/storage/StoreValueCodec.h"
 
 #include "support/ChildProcess.h"
-#include "support/CountingStore.h"
-#include "support/RecordingLogSink.h"
-#include "support/ScopedEnvironment.h"
-#include "support/TempDirectory.h"
+#include "support/LogCapture.h"
 #include "support/TestData.h"
 
 namespace quillet {

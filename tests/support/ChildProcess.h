@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "support/TempDirectory.h"
+#include "support/TestData.h"
 
 namespace quillet::testing {
 

@@ -6,8 +6,7 @@
 #include "quillet/ui/CMPBannerViewController.h"
 #include "quillet/ui/Html.h"
 
-#include "support/Cases.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
 #include "support/TestData.h"
 #include "ui/ScreenFixture.h"
 

@@ -21,7 +21,7 @@
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/ui/CMPBannerViewController.h"
 
-#include "support/ConsentStores.h"
+#include "support/ConsentWalk.h"
 #include "support/RecordingScreenHost.h"
 #include "support/ScreenData.h"
 #include "support/TestData.h"

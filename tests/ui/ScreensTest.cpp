@@ -17,7 +17,7 @@
 #include "quillet/ui/WebCMPStyleToggle.h"
 
 #include "support/ConsentWalk.h"
-#include "support/RecordingLogSink.h"
+#include "support/LogCapture.h"
 #include "support/TestData.h"
 #include "support/TestServer.h"
 #include "ui/ScreenFixture.h"

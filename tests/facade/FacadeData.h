@@ -1,5 +1,9 @@
 #pragma once
 
+// A vendor list small enough to reason about in the facade tests (testdata/small-gvl.json:
+// vendors 8, 10, 755 and 900, purposes 1 to 3, 7, 10 and 11, special features 1 and 2), and a
+// configuration that selects vendors 8, 10 and 755; and a TC String put on one line.
+
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -7,7 +11,18 @@
 
 #include "quillet/codec/TCString.h"
 
+#include "support/TestData.h"
+
 namespace quillet::testing {
+
+inline const std::string& smallVendorList() {
+  static const std::string text = testdataText("small-gvl.json");
+  return text;
+}
+
+inline constexpr const char* kSmallConfig =
+    R"({"vendorListVersion": 12, "selectedVendorIds": [8, 10, 755], "publisherCC": "de",
+        "showRejectButton": true})";
 
 /// A TC String read and put on one line: language, country, CMP id and version, screen,
 /// service-specific, non-standard texts, purpose one treatment, list and policy version, created

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -9,29 +10,12 @@
 
 namespace quillet::testing {
 
-/// A log sink that keeps every line it is given, safe to write from many threads.
-class RecordingLogSink final : public LogSink {
- public:
-  void write(std::string_view line) noexcept override {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 /// Turns logging on into a fresh recording sink for the life of the object, then turns it off
-/// and restores standard output.
+/// and restores standard output. The sink may be written from many threads.
 class LogCapture {
  public:
   LogCapture() {
-    QltLog::setSink(sink_);
+    clear();
     QltLog::setEnabled(true);
   }
   ~LogCapture() {
@@ -42,22 +26,33 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   /// The lines as written.
-  std::vector<std::string> raw() const { return sink_->lines(); }
+  std::vector<std::string> raw() const {
+    std::lock_guard lock(sink_->mutex);
+    return sink_->lines;
+  }
   /// Each line from its level on, without the timestamp: "[INFO] [QLT-CMP:Tag] message".
   std::vector<std::string> lines() const {
     std::vector<std::string> out;
-    for (const auto& line : sink_->lines())
+    for (const auto& line : raw())
       out.push_back(line.substr(line.find("] [") + 2));
     return out;
   }
   /// Forgets what was written so far.
   void clear() {
-    sink_ = std::make_shared<RecordingLogSink>();
+    sink_ = std::make_shared<Sink>();
     QltLog::setSink(sink_);
   }
 
  private:
-  std::shared_ptr<RecordingLogSink> sink_ = std::make_shared<RecordingLogSink>();
+  struct Sink final : LogSink {
+    void write(std::string_view line) noexcept override {
+      std::lock_guard lock(mutex);
+      lines.emplace_back(line);
+    }
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  std::shared_ptr<Sink> sink_;
 };
 
 }  // namespace quillet::testing
