@@ -304,8 +304,7 @@ TEST(SqliteKeyValueStore, AnUnusableFileIsSetAsideAndANewStoreStarts) {
     const testing::TempDirectory directory;
     const auto path = directory / "store.sqlite";
     prepare(path);
-    std::ifstream before(path, std::ios::binary);
-    const std::string old((std::istreambuf_iterator<char>(before)), {});
+    const std::string old = testing::fileText(path);
     const testing::LogCapture log;
     const auto store = SqliteKeyValueStore::open(path).value();
     EXPECT_EQ(store->get("kept"), std::nullopt);
@@ -324,8 +323,7 @@ TEST(SqliteKeyValueStore, AnUnusableFileIsSetAsideAndANewStoreStarts) {
     EXPECT_THAT(log.raw()[0], HasSubstr("[ERROR] [QLT-CMP:KeyValueStore] The store at "));
     EXPECT_THAT(log.raw()[0], HasSubstr(reason));
     EXPECT_THAT(log.raw()[0], HasSubstr(aside[0].string()));
-    std::ifstream kept(aside[0], std::ios::binary);
-    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(kept)), {}), old);
+    EXPECT_EQ(testing::fileText(aside[0]), old);
     // The companions go with their file.
     EXPECT_EQ(std::filesystem::exists(aside[0].string() + "-wal"), held != nullptr);
     sqlite3_close(held);

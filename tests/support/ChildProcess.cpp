@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -13,17 +12,6 @@
 extern char** environ;
 
 namespace quillet::testing {
-namespace {
-
-std::string contents(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-}  // namespace
-
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& input) {
   std::ofstream(files_ / "in", std::ios::binary) << input;
   posix_spawn_file_actions_t actions;
@@ -58,7 +46,7 @@ bool ChildProcess::reap(int options) {
 
 bool ChildProcess::awaitLines(std::size_t lines) {
   for (bool ended = false;; ended = reap(WNOHANG)) {
-    const std::string out = contents(files_ / "out");
+    const std::string out = fileText(files_ / "out");
     if (static_cast<std::size_t>(std::count(out.begin(), out.end(), '\n')) >= lines) return true;
     if (ended) return false;
     std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -67,7 +55,7 @@ bool ChildProcess::awaitLines(std::size_t lines) {
 
 ChildProcess::Result ChildProcess::finish() {
   reap(0);
-  return {status_, contents(files_ / "out"), contents(files_ / "err")};
+  return {status_, fileText(files_ / "out"), fileText(files_ / "err")};
 }
 
 ChildProcess::Result runProcess(const std::vector<std::string>& argv, const std::string& input) {

@@ -96,7 +96,8 @@ class ConsentWalk {
                                  {"feature masters", text(features.masterStates())},
                                  {"feature vendors", text(features.vendorStates())}});
     for (const auto& [key, value] : values) {
-      if (std::exchange(seen_[key], value) != value) transcript += "  " + key + ": " + value + "\n";
+      if (std::exchange(seen_[key], value) != value)
+        transcript.append("  ").append(key).append(": ").append(value).append("\n");
     }
   }
 

@@ -21,13 +21,18 @@
 
 namespace quillet::testing {
 
+/// The bytes of a file; none when it cannot be read.
+inline std::string fileText(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
 /// The bytes of a file under testdata/.
 inline std::string testdataText(const std::string& name) {
-  std::ifstream file(std::string(QUILLET_TESTDATA_DIR) + "/" + name, std::ios::binary);
-  if (!file) throw std::runtime_error("testdata/" + name + " is missing");
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  const std::filesystem::path path = std::string(QUILLET_TESTDATA_DIR) + "/" + name;
+  if (!std::filesystem::exists(path)) throw std::runtime_error("testdata/" + name + " is missing");
+  return fileText(path);
 }
 
 /// Whether `text` is the whole of testdata/golden/<name>, naming the first line that differs when
@@ -122,9 +127,7 @@ class ScopedEnvironment {
     if (const char* old = std::getenv(name_.c_str())) saved_ = old;
     set(value);
   }
-  ~ScopedEnvironment() {
-    saved_ ? set(*saved_) : (void)unsetenv(name_.c_str());
-  }
+  ~ScopedEnvironment() { saved_ ? set(*saved_) : (void)unsetenv(name_.c_str()); }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 

@@ -42,61 +42,42 @@ TestServer::TestServer() {
   server_.set_keep_alive_timeout(1);
   server_.Get(R"(/cdn/(.+))", [this](const httplib::Request& request, httplib::Response& response) {
     record(request);
-    Reply reply;
-    bool found = false;
-    {
-      std::lock_guard lock(mutex_);
-      const auto it = replies_.find(request.matches[1]);
-      if (it != replies_.end()) {
-        reply = it->second;
-        found = true;
-      }
-    }
-    if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
-    if (!found) {
-      response.status = 404;
-      response.set_content("<html><body><h1>404 Not Found</h1></body></html>", "text/html");
-      return;
-    }
+    std::unique_lock lock(mutex_);
+    const auto it = replies_.find(request.matches[1]);
+    const Reply reply = it != replies_.end() ? it->second
+                                             : Reply{.status = 404,
+                                                     .body =
+                                                         "<html><body><h1>404 Not Found</h1>"
+                                                         "</body></html>",
+                                                     .contentType = "text/html"};
+    lock.unlock();
+    std::this_thread::sleep_for(reply.delay);
     switch (reply.kind) {
       case Reply::Kind::body:
         response.status = reply.status;
-        response.set_content(reply.body, reply.contentType);
-        break;
-      case Reply::Kind::cutOff: {
-        const std::string body = reply.body;
-        response.set_content_provider(
-            body.size(), reply.contentType,
-            [body](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-              if (offset > 0) return false;  // close with the rest missing
-              return sink.write(body.data(), body.size() / 2);
+        return response.set_content(reply.body, reply.contentType);
+      case Reply::Kind::cutOff:
+        return response.set_content_provider(
+            reply.body.size(), reply.contentType,
+            [body = reply.body](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+              return offset == 0 && sink.write(body.data(), body.size() / 2);
             });
-        break;
-      }
-      case Reply::Kind::huge: {
-        const std::size_t size = reply.size;
-        response.set_content_provider(
-            size, "application/octet-stream",
-            [size](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+      case Reply::Kind::huge:
+        return response.set_content_provider(
+            reply.size, "application/octet-stream",
+            [size = reply.size](std::size_t offset, std::size_t, httplib::DataSink& sink) {
               static const std::string chunk(std::size_t{64} * 1024, 'x');
               return sink.write(chunk.data(), std::min(chunk.size(), size - offset));
             });
-        break;
-      }
       case Reply::Kind::redirectLoop:
-        response.set_redirect(request.path, 302);
-        break;
+        return response.set_redirect(request.path, 302);
     }
   });
   const auto post = [this](const httplib::Request& request, httplib::Response& response) {
     record(request);
-    int status = 200;
-    {
-      std::lock_guard lock(mutex_);
-      const auto it = postStatus_.find(request.matches[1]);
-      if (it != postStatus_.end()) status = it->second;
-    }
-    response.status = status;
+    std::lock_guard lock(mutex_);
+    const auto it = postStatus_.find(request.matches[1]);
+    response.status = it != postStatus_.end() ? it->second : 200;
     response.set_content("{}", "application/json");
   };
   server_.Post(R"(/api/(.+))", post);
@@ -122,13 +103,14 @@ void TestServer::replyToPost(const std::string& apiPath, int status) {
 }
 
 void TestServer::record(const httplib::Request& request) {
-  RecordedRequest recorded{request.method, request.path, request.body, {}};
-  for (const auto& [name, value] : request.headers)
-    recorded.headers.emplace(name, value);
   {
     std::lock_guard lock(mutex_);
-    ++counts_[recorded.path];
-    if (keepRequests_) requests_.push_back(std::move(recorded));
+    ++counts_[request.path];
+    if (keepRequests_)
+      requests_.push_back({request.method,
+                           request.path,
+                           request.body,
+                           {request.headers.begin(), request.headers.end()}});
   }
   arrived_.notify_all();
 }
