@@ -1,4 +1,3 @@
-#include <array>
 #include <random>
 #include <set>
 #include <sstream>
@@ -149,80 +148,6 @@ TEST(TCString, OnlyBase64UrlCharactersRead) {
   const auto restricted = TCString::parse(base64URLEncodedString(writer.data()));
   ASSERT_TRUE(restricted);
   EXPECT_EQ(restricted->publisherRestrictions.at(0).vendors.count(), 65000);
-}
-
-// Random inputs, ids in and out of their sections, read back by both readers.
-TEST(TCString, BothReadersReadEveryFieldTheEncoderWrites) {
-  std::mt19937 random(5);
-  const auto kept = [](Ids ids, std::int64_t max) {
-    std::erase_if(ids, [&](std::int64_t id) { return id < 1 || id > max; });
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-    return ids;
-  };
-  for (int round = 0; round < 100; ++round) {
-    Input in;
-    const auto maxId = static_cast<std::int64_t>(1 + random() % 1200);
-    const auto some = [&](Ids& out, std::int64_t below, unsigned share) {
-      for (std::int64_t id = 0; id <= below; ++id)
-        if (random() % share == 0) out.push_back(id);
-    };
-    some(in.purposeConsents, 26, 2);
-    some(in.purposeLegitimateInterests, 26, 3);
-    some(in.specialFeatureOptins, 13, 2);
-    some(in.vendorConsents, maxId + 2, 4);
-    some(in.vendorLegitimateInterests, maxId + 2, 9);
-    Ids disclosed;
-    some(disclosed, maxId, 5);
-    std::shuffle(in.vendorConsents.begin(), in.vendorConsents.end(), random);
-    in.gvlVendorIds = {maxId, 3};
-    in.cmpId = static_cast<std::int64_t>(random() % 4096);
-    in.cmpVersion = static_cast<std::int64_t>(random() % 4096);
-    in.consentScreen = static_cast<std::int64_t>(random() % 64);
-    in.consentLanguage = std::string{static_cast<char>('a' + random() % 26), 'z'};
-    in.vendorListVersion = static_cast<std::int64_t>(random() % 4096);
-    in.policyVersion = static_cast<std::int64_t>(random() % 4);
-    in.isServiceSpecific = random() % 2;
-    in.useNonStandardStacks = random() % 2;
-    in.purposeOneTreatment = random() % 2;
-    in.publisherCC = "GB";
-    const std::uint64_t created = random() % (std::uint64_t{1} << 36);
-    const FixedClock clock(std::chrono::system_clock::time_point(
-        std::chrono::duration_cast<std::chrono::system_clock::duration>(
-            std::chrono::duration<std::int64_t, std::deci>(created))));
-    const std::string core = QLTCMPUtils::encodeTCString(in, clock);
-    const auto tc = TCString::parse(
-        core + "." + QLTCMPUtils::encodeDisclosedVendorsSegment(disclosed, in.gvlVendorIds));
-    ASSERT_TRUE(tc);
-    const std::int64_t max = std::max<std::int64_t>(maxId, 3);
-    const std::string language{static_cast<char>(in.consentLanguage[0] - 'a' + 'A'), 'Z'};
-    EXPECT_EQ(std::tie(tc->created, tc->lastUpdated, tc->consentLanguage, tc->publisherCountryCode),
-              std::tie(created, created, language, in.publisherCC));
-    EXPECT_EQ(
-        (Ids{tc->cmpId, tc->cmpVersion, tc->consentScreen, tc->vendorListVersion, tc->policyVersion,
-             tc->isServiceSpecific, tc->useNonStandardTexts, tc->purposeOneTreatment}),
-        (Ids{in.cmpId, in.cmpVersion, in.consentScreen, in.vendorListVersion, in.policyVersion,
-             in.isServiceSpecific, in.useNonStandardStacks, in.purposeOneTreatment}));
-    const QLTCMPUtils::DecodedTCString expected{2,
-                                                kept(in.specialFeatureOptins, 12),
-                                                kept(in.purposeConsents, 24),
-                                                kept(in.purposeLegitimateInterests, 24),
-                                                kept(in.vendorConsents, max),
-                                                kept(in.vendorLegitimateInterests, max)};
-    EXPECT_EQ(QLTCMPUtils::decodeTCString(core), expected);
-    EXPECT_EQ((QLTCMPUtils::DecodedTCString{
-                  static_cast<std::uint64_t>(tc->version), tc->specialFeatureOptins.ids(),
-                  tc->purposeConsents.ids(), tc->purposeLegitimateInterests.ids(),
-                  tc->vendorConsents.ids(), tc->vendorLegitimateInterests.ids()}),
-              expected);
-    EXPECT_EQ(tc->vendorConsents.maxVendorId, max);
-    EXPECT_FALSE(tc->vendorConsents.isRangeEncoding ||
-                 tc->vendorLegitimateInterests.isRangeEncoding);
-    EXPECT_TRUE(tc->publisherRestrictions.empty());
-    // The encoder's vendor segment carries type 2, so it reads as allowed vendors.
-    EXPECT_FALSE(tc->vendorsDisclosed.has_value());
-    EXPECT_EQ(tc->vendorsAllowed->ids(), kept(disclosed, max));
-  }
 }
 
 TEST(IdMask, KeepsIdsOneToN) {
