@@ -4,6 +4,8 @@
 // for a vendor list without vendor ids or with a negative version or policy version.
 
 #include <algorithm>
+#include <condition_variable>
+#include <deque>
 #include <future>
 #include <mutex>
 #include <set>
@@ -24,10 +26,20 @@ namespace {
 
 using namespace quillet;
 
-// Answers each request on a thread of its own: the configuration and the vendor list from the
-// current input, anything else (the posts) with an empty 200.
+// Answers every request on its own thread: the configuration and the vendor list from the current
+// input, anything else (the posts) with an empty 200.
 class ServedInput final : public HttpClient {
  public:
+  ServedInput() : worker_([this] { run(); }) {}
+  ~ServedInput() override {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_all();
+    worker_.join();
+  }
+
   void serve(std::string config, std::string gvl) {
     std::lock_guard lock(mutex_);
     config_ = std::move(config);
@@ -35,21 +47,37 @@ class ServedInput final : public HttpClient {
   }
 
   void send(HttpRequest request, HttpCompletion completion) override {
-    std::string body;
     {
       std::lock_guard lock(mutex_);
-      if (request.url.ends_with("/banner_config.json")) body = config_;
-      if (request.url.ends_with("/gvl.json")) body = gvl_;
+      queue_.emplace_back(std::move(request), std::move(completion));
     }
-    std::thread([body = std::move(body), completion = std::move(completion)] {
-      completion(Bytes(body.begin(), body.end()), HttpResponse{200, {}}, std::nullopt);
-    }).detach();
+    wake_.notify_all();
   }
 
  private:
+  void run() {
+    std::unique_lock lock(mutex_);
+    while (true) {
+      wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;
+      auto [request, completion] = std::move(queue_.front());
+      queue_.pop_front();
+      std::string body;
+      if (request.url.ends_with("/banner_config.json")) body = config_;
+      if (request.url.ends_with("/gvl.json")) body = gvl_;
+      lock.unlock();
+      completion(Bytes(body.begin(), body.end()), HttpResponse{200, {}}, std::nullopt);
+      lock.lock();
+    }
+  }
+
   std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::pair<HttpRequest, HttpCompletion>> queue_;
   std::string config_;
   std::string gvl_;
+  bool stopping_ = false;
+  std::thread worker_;
 };
 
 // True when a vendor of the list names a legitimate-interest purpose twice.
