@@ -26,8 +26,9 @@ namespace {
 
 using namespace quillet;
 
-// Answers every request on its own thread: the configuration and the vendor list from the current
-// input, anything else (the posts) with an empty 200.
+// Answers the requests in order on one worker thread, which the destructor joins: the
+// configuration and the vendor list from the current input, anything else (the posts) with an
+// empty 200.
 class ServedInput final : public HttpClient {
  public:
   ServedInput() : worker_([this] { run(); }) {}
