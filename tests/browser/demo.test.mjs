@@ -116,13 +116,16 @@ test('first visit: view all, accept all as the ad slot hears it, Reject All from
   const page = await openHost(demo, 'banner');
   assert.deepEqual(await adSlotHears(page, 'cmpuishown'), []);
   const banner = await showing(page, 'banner');
+  // The banner fades in (a cross-dissolve); the screens over it rise.
+  assert.ok(await page.locator('.layer[data-screen="banner"]').evaluate((e) => e.classList.contains('fade')));
   await page.screenshot({ path: join(artifacts, 'demo-banner.png') });
   // "View all data processing activities" unfolds the full list and "Hide list" folds it.
   const display = (id) => banner.locator(id).evaluate((e) => getComputedStyle(e).display);
   const count = Number(/\((\d+)\)/.exec(await banner.locator('#qlt-view-all').textContent())[1]);
   await banner.locator('#qlt-view-all').click();
   assert.deepEqual([await display('#qlt-stacks-all'), await display('#qlt-view-all')], ['block', 'none']);
-  assert.equal(await banner.locator('#qlt-hide-all').getAttribute('aria-expanded'), 'true');
+  assert.deepEqual(await banner.locator('#qlt-hide-all').evaluate((e) =>
+    [e.getAttribute('aria-expanded'), e.getAttribute('aria-controls')]), ['true', 'qlt-stacks-all']);
   assert.ok(count > 3 && await banner.locator('#qlt-stacks-all li').count() === count, String(count));
   await banner.locator('#qlt-hide-all').click();
   assert.deepEqual([await display('#qlt-stacks-all'), await display('#qlt-view-all')], ['none', 'inline']);
@@ -197,6 +200,7 @@ test('customised choices are posted as switched; --manage shows them again', { t
   await tapIn(page, 'purposeDetails', '#master-consent');
   await tap(page, 'purposeDetails', '#close');
   let second = await showing(page, 'secondLayer');
+  await page.waitForFunction(() => history.state === null);  // the closed sheet's entry is gone
   await tap(page, 'secondLayer', '#expand-2');
   await expectAttribute(page, 'secondLayer', '#expand-2', 'aria-expanded', 'true');
   const purpose2 = await second.locator('[id^="purpose-vendor-2-"]').evaluateAll((toggles) =>
