@@ -116,7 +116,7 @@ test('first visit: view all, accept all as the ad slot hears it, Reject All from
   const page = await openHost(demo, 'banner');
   assert.deepEqual(await adSlotHears(page, 'cmpuishown'), []);
   const banner = await showing(page, 'banner');
-  // The banner fades in (a cross-dissolve); the screens over it rise.
+  // The banner fades in (a cross-dissolve).
   assert.ok(await page.locator('.layer[data-screen="banner"]').evaluate((e) => e.classList.contains('fade')));
   await page.screenshot({ path: join(artifacts, 'demo-banner.png') });
   // "View all data processing activities" unfolds the full list and "Hide list" folds it.
