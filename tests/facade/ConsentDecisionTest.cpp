@@ -79,7 +79,6 @@ TEST(ConsentDecision, EveryCaseGivesItsGoldenResult) {
                                        : ConsentAction::customize(ids(a.at("customize").at(0)),
                                                                   ids(a.at("customize").at(1)));
       const ConsentDecision::Inputs inputs{
-          .gvl = gvl,
           .facts = facts,
           .purposeIds = purposeIds,
           .vendorIds = vendorIds,
@@ -96,8 +95,8 @@ TEST(ConsentDecision, EveryCaseGivesItsGoldenResult) {
     } else if (title.starts_with("stores")) {
       const auto gvl = lines.size() > 1 ? testing::jsonObject(lines[1]) : small;
       const Ids purposeIds{1, 2, 7}, vendorIds{8, 10, 755};
-      const auto held =
-          ConsentDecision::storeContents(lines.empty() ? "" : lines[0], purposeIds, vendorIds, gvl);
+      const auto held = ConsentDecision::storeContents(lines.empty() ? "" : lines[0], purposeIds,
+                                                       vendorIds, VendorList::facts(gvl));
       all += (held ? ConsentWalk::text(held->purposes) + " | " + ConsentWalk::text(held->vendors) +
                          " | " + ConsentWalk::text(held->legitimateInterests) + "| " +
                          ConsentWalk::text(held->specialFeatureMasters)

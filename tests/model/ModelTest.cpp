@@ -102,12 +102,38 @@ std::string jsonReaders(const boost::json::object& json) {
   return out;
 }
 
+// Each vendor's declared lists as the facts hold them, which must be what the document gives.
+std::string declarations(const boost::json::object& json, const VendorList::Facts& f) {
+  std::string out;
+  std::vector<std::int64_t> probes = f.vendorIds;
+  probes.insert(probes.end(), {-1, 0, 4, 65537});
+  std::ranges::sort(probes);
+  probes.erase(std::unique(probes.begin(), probes.end()), probes.end());
+  for (const auto id : probes) {
+    for (const auto list :
+         {VendorList::Facts::List::purposes, VendorList::Facts::List::legIntPurposes}) {
+      const char* key = list == VendorList::Facts::List::purposes ? "purposes" : "legIntPurposes";
+      const auto held = f.declared(id, list);
+      const auto read = VendorList::declared(VendorList::vendors(json), id, key);
+      EXPECT_EQ(held.has_value(), read.has_value()) << id << " " << key;
+      if (held && read) {
+        EXPECT_TRUE(std::ranges::equal(*held, *read)) << id << " " << key;
+      }
+      if (held && !held->empty()) {
+        out += std::to_string(id) + " " + key + " " +
+               text(std::vector<std::int64_t>(held->begin(), held->end())) + "\n";
+      }
+    }
+  }
+  return out;
+}
+
 std::string facts(const boost::json::object& json) {
   const auto f = VendorList::facts(json);
   return "vendors " + text(f.vendorIds) + " largest " + std::to_string(f.largestVendorId()) +
          " version " + std::to_string(f.vendorListVersion) + " policy " +
          std::to_string(f.policyVersion) + " feature ids " + text(f.specialFeatureIds) + " keys " +
-         text(f.specialFeatureKeys) + "\n";
+         text(f.specialFeatureKeys) + "\n" + declarations(json, f);
 }
 
 // A real vendor list: its counts, every vendor without a selection or with an empty one, and the

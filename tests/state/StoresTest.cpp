@@ -144,6 +144,60 @@ TEST_F(ConsentStores, PersistedValuesOfTheWrongShapeAreIgnored) {
   EXPECT_THAT(store.masterStates(), IsEmpty());
 }
 
+// With no one listening and logging off, a stored string brings the special features back in
+// one pass: it must end where the announced walk through setMaster and setVendor ends, and leave
+// the count of vendors on right for the switches that follow.
+TEST(SpecialFeatureResync, UnobservedEndsWhereTheAnnouncedWalkEnds) {
+  struct Row {
+    const char* name;
+    bool isOn;
+    bool masterBefore;
+    ConsentFlags before;
+    std::vector<std::int64_t> vendors;
+  };
+  const Row rows[] = {
+      {"off: vendors on go off, absent ones enter off",
+       false,
+       true,
+       {{3, true}, {8, true}, {9, false}},
+       {8, 9, 10}},
+      {"on: a vendor on outside the list keeps the master on", true, false, {{3, true}}, {8, 10}},
+      {"on: no vendor on turns the master off", true, true, {{8, false}}, {8, 10}},
+      {"on: vendors on in the list", true, true, {{8, true}, {10, true}}, {8, 10, 12}},
+      {"on: no vendors to rewrite keeps the master", true, false, {}, {}},
+      {"off: a feature without vendors", false, true, {}, {5}},
+  };
+  Platform::install({.keyValueStore = std::make_shared<MemoryKeyValueStore>()});
+  auto& features = SpecialFeatureConsentStore::shared();
+  auto& pending = PendingConsentStore::shared();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto walk = [&](bool observed) {
+      testing::emptyConsentStores();
+      features.replaceVendorStates({{1, row.before}});
+      features.assignMaster(1, row.masterBefore);
+      pending.setSpecialFeatureConsent(1, 99, true);
+      NotificationCenter::Token token;
+      if (observed) {
+        token = NotificationCenter::defaultCenter().addObserver(
+            std::string(NotificationNames::specialFeatureVendorChanged),
+            [](const Notification&) {});
+      }
+      features.resynchronise(1, row.isOn, row.vendors);
+      std::string states = testing::ConsentWalk::text(features.masterStates()) + " | " +
+                           testing::ConsentWalk::text(features.vendorStates()) + "| " +
+                           testing::ConsentWalk::text(pending.specialFeatureMaster()) + " | " +
+                           testing::ConsentWalk::text(pending.specialFeatureConsent());
+      features.setVendor(1, 12, true);
+      features.setVendor(1, 12, false);
+      return states + " | then " + testing::ConsentWalk::text(features.masterStates());
+    };
+    EXPECT_EQ(walk(false), walk(true));
+  }
+  testing::emptyConsentStores();
+  Platform::install({});
+}
+
 using ConsentStoresDeathTest = ConsentStores;
 
 TEST_F(ConsentStoresDeathTest, APersistedKeyThatIsNotAnIntegerStopsTheProcess) {

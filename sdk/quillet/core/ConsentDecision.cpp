@@ -1,6 +1,7 @@
 #include "quillet/core/ConsentDecision.h"
 
 #include <algorithm>
+#include <bitset>
 
 #include "quillet/base/Clock.h"
 #include "quillet/base/IdList.h"
@@ -13,26 +14,49 @@ namespace {
 using IdList::contains;
 using IdList::sortedUnique;
 
-Ids declared(const boost::json::object& vendors, std::int64_t vendorId, std::string_view key) {
-  return VendorList::declared(vendors, vendorId, key).value_or(Ids{});
+using List = VendorList::Facts::List;
+
+std::span<const std::int64_t> declared(const VendorList::Facts& facts, std::int64_t vendorId,
+                                       List list) {
+  return facts.declared(vendorId, list).value_or(std::span<const std::int64_t>{});
 }
+
+// The union of id lists, ascending and unique. A thousand vendors declare the same dozen
+// purposes over and over: ids below 256 are dropped as repeats when they come, so the final sort
+// sees each of them once.
+class IdUnion {
+ public:
+  void add(std::span<const std::int64_t> ids) {
+    for (const auto id : ids) {
+      if (id >= 0 && id < kTracked) {
+        if (seen_.test(static_cast<std::size_t>(id))) continue;
+        seen_.set(static_cast<std::size_t>(id));
+      }
+      ids_.push_back(id);
+    }
+  }
+  Ids take() && { return sortedUnique(std::move(ids_)); }
+
+ private:
+  static constexpr std::int64_t kTracked = 256;
+  std::bitset<kTracked> seen_;
+  Ids ids_;
+};
 
 Choices acceptAll(const Inputs& in) {
   Choices choices;
-  const boost::json::object& vendors = VendorList::vendors(in.gvl);
-  Ids purposes;
-  Ids legInt;
+  IdUnion purposes;
+  IdUnion legIntPurposes;
   for (const auto vendorId : in.vendorIds) {
-    const Ids declaredPurposes = declared(vendors, vendorId, "purposes");
-    purposes.insert(purposes.end(), declaredPurposes.begin(), declaredPurposes.end());
-    const Ids declaredLegInt = declared(vendors, vendorId, "legIntPurposes");
-    legInt.insert(legInt.end(), declaredLegInt.begin(), declaredLegInt.end());
+    purposes.add(declared(in.facts, vendorId, List::purposes));
+    const auto declaredLegInt = declared(in.facts, vendorId, List::legIntPurposes);
+    legIntPurposes.add(declaredLegInt);
     if (!declaredLegInt.empty()) choices.vendorLegitimateInterests.push_back(vendorId);
   }
   // Consent goes to what the selected vendors declare; legitimate interest only to configured
   // purposes.
-  choices.purposeConsents = sortedUnique(std::move(purposes));
-  legInt = sortedUnique(std::move(legInt));
+  choices.purposeConsents = std::move(purposes).take();
+  const Ids legInt = std::move(legIntPurposes).take();
   for (const auto id : in.purposeIds) {
     if (contains(legInt, id)) choices.purposeLegitimateInterests.push_back(id);
   }
@@ -133,7 +157,7 @@ Decision decide(const ConsentAction& action, const Inputs& inputs) {
 std::optional<StoreContents> storeContents(std::string_view storedTCString,
                                            std::span<const std::int64_t> purposeIds,
                                            std::span<const std::int64_t> vendorIds,
-                                           const boost::json::object& gvl) {
+                                           const VendorList::Facts& facts) {
   if (storedTCString.empty()) return std::nullopt;
   const std::string_view core = storedTCString.substr(0, storedTCString.find('.'));
   if (!QLTCMPUtils::canDecodeTCString(core)) return std::nullopt;  // another party's string
@@ -142,19 +166,20 @@ std::optional<StoreContents> storeContents(std::string_view storedTCString,
 
   StoreContents contents;
   for (const auto id : purposeIds)
-    contents.purposes.emplace(id, contains(decoded->purposeConsents, id));
+    contents.purposes.emplace_hint(contents.purposes.end(), id,
+                                   contains(decoded->purposeConsents, id));
   for (const auto id : vendorIds)
-    contents.vendors.emplace(id, contains(decoded->vendorConsents, id));
-  const boost::json::object& vendors = VendorList::vendors(gvl);
+    contents.vendors.emplace_hint(contents.vendors.end(), id,
+                                  contains(decoded->vendorConsents, id));
   for (const auto vendorId : vendorIds) {
     if (!contains(decoded->vendorLegitimateInterests, vendorId)) continue;
-    for (const auto purpose : declared(vendors, vendorId, "legIntPurposes")) {
+    for (const auto purpose : declared(facts, vendorId, List::legIntPurposes)) {
       if (contains(decoded->purposeLegitimateInterests, purpose)) {
         contents.legitimateInterests[vendorId][purpose] = true;
       }
     }
   }
-  for (const auto feature : VendorList::specialFeatureKeys(gvl))
+  for (const auto feature : facts.specialFeatureKeys)
     contents.specialFeatureMasters.emplace(feature,
                                            contains(decoded->specialFeatureOptins, feature));
   return contents;

@@ -8,8 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include <boost/json/object.hpp>
-
 #include "quillet/base/ConsentAction.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/state/ConsentFlags.h"
@@ -34,8 +32,7 @@ struct Choices {
 
 /// What a decision reads besides the action.
 struct Inputs {
-  /// The vendor list: each vendor's declared "purposes" and "legIntPurposes".
-  const boost::json::object& gvl;
+  /// The vendor list's facts, each vendor's declared "purposes" and "legIntPurposes" among them.
   const VendorList::Facts& facts;
   /// The configured purposes and the selected vendors, in their order.
   std::span<const std::int64_t> purposeIds;
@@ -89,6 +86,6 @@ struct StoreContents {
 std::optional<StoreContents> storeContents(std::string_view storedTCString,
                                            std::span<const std::int64_t> purposeIds,
                                            std::span<const std::int64_t> vendorIds,
-                                           const boost::json::object& gvl);
+                                           const VendorList::Facts& facts);
 
 }  // namespace quillet::ConsentDecision

@@ -55,28 +55,29 @@ LastPosted& lastPosted() {
 
 }  // namespace
 
-struct QuilletCMP::Snapshot {
-  std::optional<std::string> settingsId;
-  std::optional<BrandingConfig> config;
+struct QuilletCMP::Loaded {
+  explicit Loaded(BrandingConfig configuration) : config(std::move(configuration)) {}
+
+  BrandingConfig config;
   std::shared_ptr<const boost::json::object> gvl;
-  std::shared_ptr<const VendorList::Facts> facts;
+  VendorList::Facts facts;
   std::vector<PurposeModel> purposes;
   std::vector<VendorModel> vendors;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+  // The ids of `purposes` and `vendors` in their order, and both ascending and unique.
+  Ids purposeIds;
+  Ids vendorIds;
+  Ids sortedPurposeIds;
+  Ids sortedVendorIds;
+  // The vendors a decision covers: the configuration's selection when it names one, else
+  // `vendorIds`; and the same ascending and unique.
+  Ids decisionVendorIds;
+  Ids sortedDecisionVendorIds;
+};
 
-  bool loaded() const { return config.has_value() && gvl != nullptr; }
-  Ids purposeIds() const {
-    Ids ids;
-    for (const auto& purpose : purposes)
-      ids.push_back(purpose.id());
-    return ids;
-  }
-  Ids vendorIds() const {
-    Ids ids;
-    for (const auto& vendor : vendors)
-      ids.push_back(vendor.id());
-    return ids;
-  }
+struct QuilletCMP::Snapshot {
+  std::optional<std::string> settingsId;
+  std::shared_ptr<const Loaded> loaded;
 };
 
 QuilletCMP& QuilletCMP::shared() {
@@ -90,7 +91,7 @@ std::shared_ptr<QuilletCMP> QuilletCMP::create() {
 
 QuilletCMP::Snapshot QuilletCMP::snapshot() const {
   std::lock_guard lock(mutex_);
-  return Snapshot{settingsId_, config_, gvl_, facts_, purposes_, vendors_, rawVendors_};
+  return Snapshot{settingsId_, loaded_};
 }
 
 std::optional<std::string> QuilletCMP::settingsId() const {
@@ -98,28 +99,28 @@ std::optional<std::string> QuilletCMP::settingsId() const {
   return settingsId_;
 }
 std::optional<BrandingConfig> QuilletCMP::config() const {
-  std::lock_guard lock(mutex_);
-  return config_;
+  const auto loaded = snapshot().loaded;
+  return loaded ? std::optional(loaded->config) : std::nullopt;
 }
 std::shared_ptr<const boost::json::object> QuilletCMP::gvl() const {
-  std::lock_guard lock(mutex_);
-  return gvl_;
+  const auto loaded = snapshot().loaded;
+  return loaded ? loaded->gvl : nullptr;
 }
 std::vector<PurposeModel> QuilletCMP::purposes() const {
-  std::lock_guard lock(mutex_);
-  return purposes_;
+  const auto loaded = snapshot().loaded;
+  return loaded ? loaded->purposes : std::vector<PurposeModel>{};
 }
 std::vector<VendorModel> QuilletCMP::vendors() const {
-  std::lock_guard lock(mutex_);
-  return vendors_;
+  const auto loaded = snapshot().loaded;
+  return loaded ? loaded->vendors : std::vector<VendorModel>{};
 }
 std::vector<std::shared_ptr<const boost::json::object>> QuilletCMP::rawVendors() const {
-  std::lock_guard lock(mutex_);
-  return rawVendors_;
+  const auto loaded = snapshot().loaded;
+  return loaded ? loaded->rawVendors : std::vector<std::shared_ptr<const boost::json::object>>{};
 }
 bool QuilletCMP::isConfigLoaded() const {
   std::lock_guard lock(mutex_);
-  return config_.has_value() && gvl_ != nullptr;
+  return loaded_ != nullptr;
 }
 
 void QuilletCMP::initialize(std::string settingsId, std::function<void()> completion) {
@@ -197,30 +198,31 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     if (contains(declaredPurposes, purpose.id())) purposes.push_back(std::move(purpose));
   }
 
-  auto rawVendors = VendorList::entriesOf(gvl, vendors);
-
-  Ids purposeIds;
+  auto loaded = std::make_shared<Loaded>(std::move(*config));
+  loaded->rawVendors = VendorList::entriesOf(gvl, vendors);
   for (const auto& purpose : purposes)
-    purposeIds.push_back(purpose.id());
-  Ids vendorIds;
+    loaded->purposeIds.push_back(purpose.id());
   for (const auto& vendor : vendors)
-    vendorIds.push_back(vendor.id());
+    loaded->vendorIds.push_back(vendor.id());
+  loaded->sortedPurposeIds = sortedUnique(loaded->purposeIds);
+  loaded->sortedVendorIds = sortedUnique(loaded->vendorIds);
+  const auto& selected = loaded->config.selectedVendorIds();
+  loaded->decisionVendorIds = selected ? *selected : loaded->vendorIds;
+  loaded->sortedDecisionVendorIds = sortedUnique(loaded->decisionVendorIds);
+  loaded->purposes = std::move(purposes);
+  loaded->vendors = std::move(vendors);
+  loaded->gvl = gvl;
+  loaded->facts = VendorList::facts(*gvl);
   {
     std::lock_guard lock(mutex_);
-    purposes_ = std::move(purposes);
-    vendors_ = std::move(vendors);
-    config_ = std::move(config);
-    gvl_ = gvl;
-    facts_ = std::make_shared<const VendorList::Facts>(VendorList::facts(*gvl));
-    rawVendors_ = std::move(rawVendors);
+    loaded_ = loaded;
   }
 
   const auto stored = storedConsent();
   if (!stored) {
     // Legitimate interest starts switched on for every purpose a vendor declares it for.
-    const boost::json::object& gvlVendors = VendorList::vendors(*gvl);
-    for (const auto vendorId : vendorIds) {
-      const auto legInt = VendorList::declared(gvlVendors, vendorId, "legIntPurposes");
+    for (const auto vendorId : loaded->vendorIds) {
+      const auto legInt = loaded->facts.declared(vendorId, VendorList::Facts::List::legIntPurposes);
       if (!legInt) continue;
       ConsentFlags on;
       for (const auto purpose : *legInt) {
@@ -231,8 +233,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
       PendingConsentStore::shared().setLiPurposeConsent(vendorId, std::move(on));
     }
   }
-  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
-                               {vendorIds.begin(), vendorIds.end()}, *gvl);
+  syncStores(loaded->sortedPurposeIds, loaded->sortedVendorIds, loaded->facts);
   if (stored) updateGoogleConsentModeFromTCString(*stored);
 }
 
@@ -246,11 +247,12 @@ void QuilletCMP::presentBannerForStartup(std::function<void()> completion) {
 }
 
 ScreenContent QuilletCMP::screenContent(Snapshot snapshot) {
-  return ScreenContent{std::move(*snapshot.config),
-                       std::move(snapshot.purposes),
-                       std::move(snapshot.vendors),
-                       std::move(snapshot.rawVendors),
-                       std::move(snapshot.gvl),
+  const Loaded& loaded = *snapshot.loaded;
+  return ScreenContent{loaded.config,
+                       loaded.purposes,
+                       loaded.vendors,
+                       loaded.rawVendors,
+                       loaded.gvl,
                        std::nullopt,
                        [self = weak_from_this()](const ConsentAction& action) {
                          if (const auto facade = self.lock()) facade->handleConsentAction(action);
@@ -264,7 +266,7 @@ void QuilletCMP::presentBanner(std::function<void()> onFinished) {
     const auto facade = self.lock();
     if (!facade || !host || !host->canPresent()) return;
     Snapshot s = facade->snapshot();
-    if (!s.loaded()) return;
+    if (!s.loaded) return;
     auto banner = std::make_shared<CMPBannerViewController>(facade->screenContent(std::move(s)),
                                                             [self](const ConsentAction& action) {
                                                               if (const auto f = self.lock())
@@ -280,11 +282,8 @@ void QuilletCMP::openSecondLayer() {
   const auto host = Platform::current().screenHost;
   if (!host || !host->canPresent()) return;
   Snapshot s = snapshot();
-  if (!s.loaded()) return;
-  const Ids purposeIds = s.purposeIds();
-  const Ids vendorIds = s.vendorIds();
-  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
-                               {vendorIds.begin(), vendorIds.end()}, *s.gvl);
+  if (!s.loaded) return;
+  syncStores(s.loaded->sortedPurposeIds, s.loaded->sortedVendorIds, s.loaded->facts);
   host->present(std::make_shared<SecondLayerViewController>(screenContent(std::move(s))),
                 Presentation{PresentationStyle::fullScreen, Transition::coverVertical, true});
 }
@@ -359,21 +358,18 @@ void QuilletCMP::updateGoogleConsentModeFromTCString(std::string_view tcString) 
 
 void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   const Snapshot s = snapshot();
-  if (!s.config || !s.gvl) return;
-  const Ids purposeIds = s.purposeIds();
-  const Ids vendorIds =
-      s.config->selectedVendorIds() ? *s.config->selectedVendorIds() : s.vendorIds();
+  if (!s.loaded) return;
+  const Loaded& loaded = *s.loaded;
   const bool custom = action.kind() == ConsentAction::Kind::customize;
   const NestedConsentFlags legitimateInterests =
       custom ? PendingConsentStore::shared().liPurposeConsent() : NestedConsentFlags{};
   const ConsentFlags specialFeatureMasters =
       custom ? SpecialFeatureConsentStore::shared().masterStates() : ConsentFlags{};
   const ConsentDecision::Decision decision =
-      ConsentDecision::decide(action, {.gvl = *s.gvl,
-                                       .facts = *s.facts,
-                                       .purposeIds = purposeIds,
-                                       .vendorIds = vendorIds,
-                                       .publisherCC = s.config->publisherCC(),
+      ConsentDecision::decide(action, {.facts = loaded.facts,
+                                       .purposeIds = loaded.purposeIds,
+                                       .vendorIds = loaded.decisionVendorIds,
+                                       .publisherCC = loaded.config.publisherCC(),
                                        .consentLanguage = deviceLanguageCode(),
                                        .legitimateInterests = legitimateInterests,
                                        .specialFeatureMasters = specialFeatureMasters,
@@ -381,7 +377,8 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   std::string tcString = decision.tcString;
   if (appendsDisclosedVendors_.load()) {
     tcString += '.';
-    tcString += QLTCMPUtils::encodeDisclosedVendors(vendorIds);  // the vendors the screens list
+    // the vendors the screens list
+    tcString += QLTCMPUtils::encodeDisclosedVendors(loaded.decisionVendorIds);
   }
 
   const auto store = ConsentStorage::store();
@@ -413,8 +410,7 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
     QLTAPIServer::postConsent(tcString, *s.settingsId, decision.eventType, std::nullopt);
   }
 
-  syncStoresFromStoredTCString({purposeIds.begin(), purposeIds.end()},
-                               {vendorIds.begin(), vendorIds.end()}, *s.gvl);
+  syncStores(loaded.sortedPurposeIds, loaded.sortedDecisionVendorIds, loaded.facts);
   std::function<void(const std::string&)> stored;
   {
     std::lock_guard lock(mutex_);
@@ -435,11 +431,22 @@ void QuilletCMP::setConsentStoredHandler(std::function<void(const std::string&)>
 void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purposeIds,
                                               const std::set<std::int64_t>& vendorIds,
                                               const boost::json::object& gvl) {
-  const auto stored = storedConsent();
-  if (!stored) return;
+  const auto loaded = snapshot().loaded;
   const Ids purposes(purposeIds.begin(), purposeIds.end());
   const Ids vendors(vendorIds.begin(), vendorIds.end());
-  const auto contents = ConsentDecision::storeContents(*stored, purposes, vendors, gvl);
+  if (loaded && loaded->gvl.get() == &gvl) {
+    syncStores(purposes, vendors, loaded->facts);
+  } else {
+    syncStores(purposes, vendors, VendorList::facts(gvl));
+  }
+}
+
+void QuilletCMP::syncStores(std::span<const std::int64_t> purposeIds,
+                            std::span<const std::int64_t> vendorIds,
+                            const VendorList::Facts& facts) {
+  const auto stored = storedConsent();
+  if (!stored) return;
+  const auto contents = ConsentDecision::storeContents(*stored, purposeIds, vendorIds, facts);
   if (!contents) return;
 
   PendingConsentStore& pending = PendingConsentStore::shared();
@@ -452,23 +459,15 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
   SpecialFeatureConsentStore& specialFeatures = SpecialFeatureConsentStore::shared();
   for (const auto& [feature, isOn] : contents->specialFeatureMasters) {
     pending.setSpecialFeatureMaster(feature, isOn);
-    specialFeatures.setMaster(feature, isOn);
-    for (const auto vendorId : vendorIds) {
-      const bool value = specialFeatures.vendorState(feature, vendorId);
-      pending.setSpecialFeatureConsent(feature, vendorId, value);
-      specialFeatures.setVendor(feature, vendorId, value);
-    }
+    specialFeatures.resynchronise(feature, isOn, vendorIds);
   }
 }
 
 std::optional<std::string> QuilletCMP::makeTCStringRejectAll() {
   if (!ensureConfigLoaded()) return std::nullopt;
-  std::shared_ptr<const VendorList::Facts> facts;
-  {
-    std::lock_guard lock(mutex_);
-    facts = facts_;
-  }
-  if (!facts) return std::nullopt;
+  const auto loaded = snapshot().loaded;
+  if (!loaded) return std::nullopt;
+  const VendorList::Facts* const facts = &loaded->facts;
   return QLTCMPUtils::encodeTCString(
       QLTCMPUtils::TCStringInput{
           .gvlVendorIds = facts->vendorIds,

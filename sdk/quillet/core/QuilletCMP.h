@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -104,14 +105,15 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   ScreenContent screenContent(Snapshot snapshot);
   void openSecondLayer();
 
+  // Rewrites the stores for ascending, unique ids, reading the vendor list through `facts`.
+  void syncStores(std::span<const std::int64_t> purposeIds, std::span<const std::int64_t> vendorIds,
+                  const VendorList::Facts& facts);
+
   mutable std::mutex mutex_;
   std::optional<std::string> settingsId_;
-  std::optional<BrandingConfig> config_;
-  std::shared_ptr<const boost::json::object> gvl_;
-  std::shared_ptr<const VendorList::Facts> facts_;
-  std::vector<PurposeModel> purposes_;
-  std::vector<VendorModel> vendors_;
-  std::vector<std::shared_ptr<const boost::json::object>> rawVendors_;
+  // What a fetch applied, replaced whole and never changed: readers share it without copies.
+  struct Loaded;
+  std::shared_ptr<const Loaded> loaded_;
   std::function<void(const std::string&)> consentStored_;
   std::atomic<bool> appendsDisclosedVendors_{false};
 };

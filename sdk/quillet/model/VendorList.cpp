@@ -31,7 +31,51 @@ Facts facts(const boost::json::object& gvl) {
   out.policyVersion = Json::exactInteger(Json::member(gvl, "tcfPolicyVersion")).value_or(1);
   out.specialFeatureIds = specialFeatureIds(gvl);
   out.specialFeatureKeys = specialFeatureKeys(gvl);
+  const boost::json::object& entries = vendors(gvl);
+  std::int64_t previous = 0;
+  for (const auto vendorId : out.vendorIds) {
+    if (!out.declared_.empty() && vendorId == previous) continue;  // "7" and "07"
+    previous = vendorId;
+    Facts::Declared entry{vendorId, {0, 0}, {-1, -1}};
+    constexpr std::string_view kKeys[] = {"purposes", "legIntPurposes"};
+    for (std::size_t list = 0; list < 2; ++list) {
+      const auto ids = declared(entries, vendorId, kKeys[list]);
+      if (!ids) continue;
+      entry.at[list] = static_cast<std::uint32_t>(out.declaredIds_.size());
+      entry.count[list] = static_cast<std::int32_t>(ids->size());
+      out.declaredIds_.insert(out.declaredIds_.end(), ids->begin(), ids->end());
+    }
+    out.declared_.push_back(entry);
+  }
+  // Real lists number their vendors from 1 to a few thousand: an index by id costs little.
+  constexpr std::int64_t kLargestIndexed = 1 << 16;
+  if (!out.declared_.empty() && out.declared_.front().vendorId >= 0 &&
+      out.declared_.back().vendorId <= kLargestIndexed) {
+    out.byId_.resize(static_cast<std::size_t>(out.declared_.back().vendorId) + 1);
+    for (std::size_t i = 0; i < out.declared_.size(); ++i)
+      out.byId_[static_cast<std::size_t>(out.declared_[i].vendorId)] =
+          static_cast<std::uint32_t>(i + 1);
+  }
   return out;
+}
+
+std::optional<std::span<const std::int64_t>> Facts::declared(std::int64_t vendorId,
+                                                             List list) const noexcept {
+  auto entry = declared_.end();
+  if (!byId_.empty()) {
+    if (vendorId < 0 || static_cast<std::uint64_t>(vendorId) >= byId_.size()) return std::nullopt;
+    const std::uint32_t at = byId_[static_cast<std::size_t>(vendorId)];
+    if (at == 0) return std::nullopt;
+    entry = declared_.begin() + (at - 1);
+  } else {
+    entry = std::lower_bound(declared_.begin(), declared_.end(), vendorId,
+                             [](const Declared& d, std::int64_t id) { return d.vendorId < id; });
+    if (entry == declared_.end() || entry->vendorId != vendorId) return std::nullopt;
+  }
+  const auto index = static_cast<std::size_t>(list);
+  if (entry->count[index] < 0) return std::nullopt;
+  return std::span<const std::int64_t>(declaredIds_)
+      .subspan(entry->at[index], static_cast<std::size_t>(entry->count[index]));
 }
 
 std::int64_t entryId(const boost::json::object& entry, std::string_view key) {

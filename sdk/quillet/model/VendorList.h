@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -30,6 +31,26 @@ struct Facts {
 
   /// The largest vendor id, 0 for none.
   std::int64_t largestVendorId() const noexcept { return vendorIds.empty() ? 0 : vendorIds.back(); }
+
+  /// The declared lists that `declared` reads.
+  enum class List { purposes, legIntPurposes };
+  /// What `declared(vendors(gvl), vendorId, list)` gives, without reading the document again;
+  /// valid as long as these facts.
+  std::optional<std::span<const std::int64_t>> declared(std::int64_t vendorId,
+                                                        List list) const noexcept;
+
+ private:
+  friend Facts facts(const boost::json::object& gvl);
+  struct Declared {
+    std::int64_t vendorId;
+    // Where each list starts in `declaredIds_` and its length; a negative length for none.
+    std::uint32_t at[2];
+    std::int32_t count[2];
+  };
+  std::vector<Declared> declared_;  // ascending by vendor id
+  // Position in `declared_` + 1 by vendor id (0 for none), when the ids are small enough.
+  std::vector<std::uint32_t> byId_;
+  std::vector<std::int64_t> declaredIds_;
 };
 
 Facts facts(const boost::json::object& gvl);

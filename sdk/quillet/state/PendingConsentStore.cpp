@@ -34,8 +34,9 @@ void PendingConsentStore::setVendorConsent(std::int64_t vendorId, bool on) {
 
 void PendingConsentStore::mergeVendorConsent(const ConsentFlags& flags) {
   std::lock_guard lock(mutex_);
+  auto next = vendorConsent_.begin();  // both ascending: each entry is usually right at the hint
   for (const auto& [id, on] : flags)
-    vendorConsent_.insert_or_assign(vendorConsent_.end(), id, on);
+    next = std::next(vendorConsent_.insert_or_assign(next, id, on));
 }
 
 ConsentFlags PendingConsentStore::purposeConsent() const {
@@ -53,8 +54,9 @@ void PendingConsentStore::setPurposeConsent(std::int64_t purposeId, bool on) {
 
 void PendingConsentStore::mergePurposeConsent(const ConsentFlags& flags) {
   std::lock_guard lock(mutex_);
+  auto next = purposeConsent_.begin();  // both ascending: each entry is usually right at the hint
   for (const auto& [id, on] : flags)
-    purposeConsent_.insert_or_assign(purposeConsent_.end(), id, on);
+    next = std::next(purposeConsent_.insert_or_assign(next, id, on));
 }
 
 NestedConsentFlags PendingConsentStore::liPurposeConsent() const {
@@ -79,8 +81,9 @@ void PendingConsentStore::mergeLiPurposeConsent(const NestedConsentFlags& flags)
   std::lock_guard lock(mutex_);
   for (const auto& [vendorId, purposes] : flags) {
     ConsentFlags& held = liPurposeConsent_[vendorId];
+    auto next = held.begin();
     for (const auto& [purposeId, on] : purposes)
-      held.insert_or_assign(held.end(), purposeId, on);
+      next = std::next(held.insert_or_assign(next, purposeId, on));
   }
 }
 
@@ -100,6 +103,17 @@ void PendingConsentStore::setSpecialFeatureConsent(std::int64_t featureId, std::
   {
     std::lock_guard lock(mutex_);
     specialFeatureConsent_[featureId][vendorId] = isOn;
+  }
+  logSpecialFeatureConsent();
+}
+void PendingConsentStore::mergeSpecialFeatureConsent(
+    std::int64_t featureId, std::span<const std::pair<std::int64_t, bool>> flags) {
+  {
+    std::lock_guard lock(mutex_);
+    ConsentFlags& held = specialFeatureConsent_[featureId];
+    auto next = held.begin();  // both ascending: each entry is usually right at the hint
+    for (const auto& [vendorId, on] : flags)
+      next = std::next(held.insert_or_assign(next, vendorId, on));
   }
   logSpecialFeatureConsent();
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <mutex>
 #include <span>
+#include <utility>
 
 #include "quillet/state/ConsentFlags.h"
 
@@ -47,6 +48,10 @@ class PendingConsentStore {
   void setSpecialFeatureConsent(NestedConsentFlags flags);  // logged
   /// One opt-in, creating the feature's map when missing; logged.
   void setSpecialFeatureConsent(std::int64_t featureId, std::int64_t vendorId, bool isOn);
+  /// Sets each vendor of `flags` (ascending by vendor) under `featureId`, keeping the feature's
+  /// other vendors; logged.
+  void mergeSpecialFeatureConsent(std::int64_t featureId,
+                                  std::span<const std::pair<std::int64_t, bool>> flags);
   /// False when the feature or the vendor is absent.
   bool specialFeatureConsent(std::int64_t featureId, std::int64_t vendorId) const;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "quillet/base/Fatal.h"
+#include "quillet/base/QltLog.h"
 #include "quillet/base/Text.h"
 #include "quillet/state/NotificationCenter.h"
 #include "quillet/state/NotificationNames.h"
@@ -148,6 +149,57 @@ void SpecialFeatureConsentStore::setVendor(std::int64_t featureId, std::int64_t 
   }
   if (!anyOn) setMaster(featureId, false);
   announceVendor(featureId, vendorId, isOn);
+}
+
+void SpecialFeatureConsentStore::resynchronise(std::int64_t featureId, bool isOn,
+                                               std::span<const std::int64_t> vendorIds) {
+  PendingConsentStore& pending = PendingConsentStore::shared();
+  auto& center = NotificationCenter::defaultCenter();
+  if (QltLog::enabled() || center.observed(NotificationNames::specialFeatureMasterChanged) ||
+      center.observed(NotificationNames::specialFeatureVendorChanged)) {
+    setMaster(featureId, isOn);
+    for (const auto vendorId : vendorIds) {
+      const bool value = vendorState(featureId, vendorId);
+      pending.setSpecialFeatureConsent(featureId, vendorId, value);
+      setVendor(featureId, vendorId, value);
+    }
+    return;
+  }
+  // Unobserved and unlogged, only the end states count. Every vendor keeps its state (after the
+  // master's cascade), the absent ones enter as off, and the master stays on only while a
+  // vendor is on, as setVendor's last-vendor-off rule leaves it.
+  std::vector<std::pair<std::int64_t, bool>> switchedOff;
+  std::vector<std::pair<std::int64_t, bool>> held;
+  held.reserve(vendorIds.size());
+  bool master = isOn;
+  {
+    std::lock_guard lock(mutex_);
+    const auto feature = vendorStates_.find(featureId);
+    if (!isOn && feature != vendorStates_.end()) {
+      for (auto& [vendorId, on] : feature->second) {
+        if (!on) continue;
+        on = false;
+        switchedOff.emplace_back(vendorId, false);
+      }
+      vendorsOn_[featureId] = 0;
+    }
+    if (!vendorIds.empty()) {
+      ConsentFlags& states = vendorStates_[featureId];
+      auto at = states.begin();
+      for (const auto vendorId : vendorIds) {
+        while (at != states.end() && at->first < vendorId)
+          ++at;
+        if (at == states.end() || at->first != vendorId)
+          at = states.emplace_hint(at, vendorId, false);
+        held.emplace_back(vendorId, at->second);
+      }
+      master = isOn && vendorsOn_[featureId] > 0;
+    }
+    masterStates_[featureId] = master;
+  }
+  pending.setSpecialFeatureMaster(featureId, master);
+  if (!switchedOff.empty()) pending.mergeSpecialFeatureConsent(featureId, switchedOff);
+  if (!held.empty()) pending.mergeSpecialFeatureConsent(featureId, held);
 }
 
 void SpecialFeatureConsentStore::assignMaster(std::int64_t featureId, bool isOn) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <span>
 
 #include "quillet/state/ConsentFlags.h"
 
@@ -28,6 +29,12 @@ class SpecialFeatureConsentStore {
   /// Sets one vendor's opt-in: the first vendor on switches the master on, the last vendor off
   /// switches it off (each announced first); then announces the vendor.
   void setVendor(std::int64_t featureId, std::int64_t vendorId, bool isOn);
+
+  /// setMaster(featureId, isOn), then for each of `vendorIds` (ascending, each once) the pending
+  /// store's and setVendor's write of the state the vendor holds (false when absent): what a
+  /// stored string brings back. The same states, pending store and notifications as those calls;
+  /// in one pass when no one observes the notifications and logging is off.
+  void resynchronise(std::int64_t featureId, bool isOn, std::span<const std::int64_t> vendorIds);
 
   /// Sets one master entry as a plain assignment: no cascade, no announcement.
   void assignMaster(std::int64_t featureId, bool isOn);
