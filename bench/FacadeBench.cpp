@@ -1,7 +1,7 @@
 // The facade's hot paths with the real 987-vendor list: a consent action from decision to
 // resynchronised stores, and start-up from a cached vendor list to the screen host being asked
-// to present the banner. Logging is off; the store is SQLite in a temporary folder; the server
-// is on loopback.
+// to present the banner. Logging is off; the store is SQLite in a temporary folder unless a
+// benchmark says memory; the server is on loopback.
 
 #include <atomic>
 #include <cstdlib>
@@ -20,6 +20,7 @@
 #include "quillet/base/Platform.h"
 #include "quillet/core/QuilletCMP.h"
 #include "quillet/network/QLTAPIServer.h"
+#include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 #include "quillet/ui/ScreenHost.h"
@@ -68,7 +69,9 @@ class CountingHost final : public ScreenHost {
 // A loopback server, a SQLite store and an installed platform for one benchmark.
 class Setup {
  public:
-  explicit Setup(bool screens) : host(std::make_shared<CountingHost>(screens)) {
+  // With `inMemory`, a store without a disk, so that the difference to SQLite is the commit.
+  explicit Setup(bool screens, bool inMemory = false)
+      : host(std::make_shared<CountingHost>(screens)) {
     gvl_ = bench::testdataText("gvl-v3-106.json");
     server_.set_tcp_nodelay(true);
     server_.Get("/cdn/pub/banner_config.json", [](const httplib::Request&, httplib::Response& r) {
@@ -86,7 +89,11 @@ class Setup {
         (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     directory_ = pattern;
-    store = SqliteKeyValueStore::open(directory_ / "store.sqlite").value();
+    if (inMemory) {
+      store = std::make_shared<MemoryKeyValueStore>();
+    } else {
+      store = SqliteKeyValueStore::open(directory_ / "store.sqlite").value();
+    }
     const std::string base = "http://127.0.0.1:" + std::to_string(port);
     Platform::install({.keyValueStore = store,
                        .endpoints = Endpoints{base + "/cdn/", base + "/api"},
@@ -111,7 +118,7 @@ class Setup {
 
   std::shared_ptr<RunLoop> main = std::make_shared<RunLoop>();
   std::shared_ptr<CountingHost> host;
-  std::shared_ptr<SqliteKeyValueStore> store;
+  std::shared_ptr<KeyValueStore> store;
 
  private:
   std::string gvl_;
@@ -120,15 +127,21 @@ class Setup {
   std::filesystem::path directory_;
 };
 
+// Argument 1 keeps the store in memory: the SQLite figure less this one is the durable commit.
 void HandleAcceptAllRealVendorList(benchmark::State& state) {
-  Setup setup(false);
+  Setup setup(false, state.range(0) == 1);
   auto facade = QuilletCMP::create();
   setup.start(*facade, [&] { return facade->isConfigLoaded(); });
   state.counters["vendors"] = static_cast<double>(facade->vendors().size());
   for (auto _ : state)
     facade->acceptAllSelections();
 }
-BENCHMARK(HandleAcceptAllRealVendorList)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(HandleAcceptAllRealVendorList)
+    ->ArgName("inMemory")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void StartUpFromCachedVendorListToBanner(benchmark::State& state) {
   Setup setup(true);
