@@ -184,6 +184,11 @@ TEST_F(Facade, AFirstRunAndTheDecisionsAfterIt) {
     clock_->millis += 5000;
     facade_->acceptAllSelections();
   });
+  step("the stores rewritten for ids and a vendor list of the host's own", [&] {
+    const auto list = testing::jsonObject(
+        R"({"vendors": {"755": {"legIntPurposes": [7]}}, "specialFeatures": {"1": {}}})");
+    facade_->syncStoresFromStoredTCString({1, 7}, {8, 755, 900}, list);
+  });
   step("reject all", 1, [&] { facade_->rejectAllSelections(); });
   step("show the banner", [&] { facade_->showBanner(false); });
   step("forced, with the stores as in a new process", [&] {
