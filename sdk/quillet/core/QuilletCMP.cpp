@@ -246,7 +246,7 @@ void QuilletCMP::presentBannerForStartup(std::function<void()> completion) {
   presentBanner(std::move(completion));
 }
 
-ScreenContent QuilletCMP::screenContent(Snapshot snapshot) {
+ScreenContent QuilletCMP::screenContent(const Snapshot& snapshot) {
   const Loaded& loaded = *snapshot.loaded;
   return ScreenContent{loaded.config,
                        loaded.purposes,
@@ -265,9 +265,9 @@ void QuilletCMP::presentBanner(std::function<void()> onFinished) {
                             onFinished = std::move(onFinished)]() mutable {
     const auto facade = self.lock();
     if (!facade || !host || !host->canPresent()) return;
-    Snapshot s = facade->snapshot();
+    const Snapshot s = facade->snapshot();
     if (!s.loaded) return;
-    auto banner = std::make_shared<CMPBannerViewController>(facade->screenContent(std::move(s)),
+    auto banner = std::make_shared<CMPBannerViewController>(facade->screenContent(s),
                                                             [self](const ConsentAction& action) {
                                                               if (const auto f = self.lock())
                                                                 f->handleConsentAction(action);
@@ -281,10 +281,10 @@ void QuilletCMP::presentBanner(std::function<void()> onFinished) {
 void QuilletCMP::openSecondLayer() {
   const auto host = Platform::current().screenHost;
   if (!host || !host->canPresent()) return;
-  Snapshot s = snapshot();
+  const Snapshot s = snapshot();
   if (!s.loaded) return;
   syncStores(s.loaded->sortedPurposeIds, s.loaded->sortedVendorIds, s.loaded->facts);
-  host->present(std::make_shared<SecondLayerViewController>(screenContent(std::move(s))),
+  host->present(std::make_shared<SecondLayerViewController>(screenContent(s)),
                 Presentation{PresentationStyle::fullScreen, Transition::coverVertical, true});
 }
 

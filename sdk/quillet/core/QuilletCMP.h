@@ -102,7 +102,7 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   void presentBannerForStartup(std::function<void()> completion);
   // Presents the first-layer banner on the main queue; `onFinished` runs once the user decided.
   void presentBanner(std::function<void()> onFinished);
-  ScreenContent screenContent(Snapshot snapshot);
+  ScreenContent screenContent(const Snapshot& snapshot);
   void openSecondLayer();
 
   // Rewrites the stores for ascending, unique ids, reading the vendor list through `facts`.
