@@ -160,6 +160,9 @@ void StartUpFromCachedVendorListToBanner(benchmark::State& state) {
     setup.start(*facade, [&] { return setup.host->banners.load() > before; });
   }
 }
-BENCHMARK(StartUpFromCachedVendorListToBanner)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(StartUpFromCachedVendorListToBanner)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Every record reader on the documents of testdata/model-documents.txt, each result written out
 // whole with the log lines it caused, against testdata/golden/model-documents.txt.
 
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "quillet/model/BrandingConfig.h"
@@ -192,6 +194,40 @@ TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
   EXPECT_TRUE(testing::matchesGolden("model-documents.txt", all));
   EXPECT_FALSE(Json::parse("{} trailing") || Json::parse("") || Json::parse("{"));
   EXPECT_EQ(BrandingConfig({.publisherCC = "fr"}).publisherCC(), "FR");
+}
+
+// A document parsed into its own blocks is the document the heap parse gives, for every document
+// above, the real lists and one with values too large for a block; parts copied out of it outlive
+// it, and grow on another thread while it is read (a data race there is for ThreadSanitizer).
+TEST(Model, ADocumentInBlocksIsTheHeapDocumentAndItsCopiesStandAlone) {
+  std::vector<std::string> texts = {testing::testdataText("gvl-v3-106.json"),
+                                    testing::testdataText("gvl-v2-224.json"),
+                                    R"({"a": ")" + std::string(70000, 'x') + R"(", "b": [)"};
+  for (int i = 0; i < 20000; ++i)
+    texts.back() += std::to_string(i) + ",\"" + std::string(i % 40, 'y') + "\",";
+  texts.back() += "{}]}";
+  for (const auto& [title, body] : testing::cases("model-documents.txt"))
+    texts.push_back(body);
+  for (const auto& text : texts) {
+    const auto heap = Json::parse(text);
+    auto blocks = Json::parseDocument(text);
+    ASSERT_EQ(heap, blocks) << text.substr(0, 80);
+  }
+  EXPECT_FALSE(Json::parseDocument("{} trailing") || Json::parseDocument("{\"a\": [1, "));
+  auto document = std::make_shared<const boost::json::value>(*Json::parseDocument(texts[2]));
+  boost::json::value copy = document->at("b");
+  std::thread grower([&copy] {
+    for (int i = 0; i < 1000; ++i)
+      copy.as_array().emplace_back(std::string(100, 'z'));
+  });
+  for (int i = 0; i < 50; ++i) {
+    const boost::json::value mine = document->at("a");
+    EXPECT_EQ(mine.as_string().size(), 70000U);
+  }
+  grower.join();
+  document.reset();
+  EXPECT_EQ(copy.as_array().size(), 41001U);
+  EXPECT_EQ(copy.as_array()[39999].as_string(), std::string(39, 'y'));
 }
 
 }  // namespace

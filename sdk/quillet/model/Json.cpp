@@ -1,7 +1,12 @@
 #include "quillet/model/Json.h"
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
+#include <new>
+#include <utility>
 
+#include <boost/json/memory_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
@@ -33,6 +38,88 @@ std::optional<std::int64_t> fromNumber(const boost::json::value* value, bool exa
       return std::nullopt;
   }
 }
+
+// The storage of one parsed document: a bump allocator over blocks while the parser fills it on
+// one thread; once sealed, it hands further allocations to the heap and is safe on any thread.
+// Freeing a value that lies in a block does nothing: the blocks go with the last value.
+class DocumentArena final : public boost::json::memory_resource {
+ public:
+  static constexpr std::size_t kBlockSize = 64 * 1024;
+
+  // `self` is set to this arena: the counted storage that holds it does not give it out.
+  explicit DocumentArena(DocumentArena*& self) { self = this; }
+  DocumentArena(const DocumentArena&) = delete;
+  DocumentArena& operator=(const DocumentArena&) = delete;
+  ~DocumentArena() override = default;
+
+  // Called before the document is handed to another thread; afterwards, nothing is added to the
+  // blocks and `owns` reads them sorted.
+  void seal() {
+    std::sort(blocks_.begin(), blocks_.end(),
+              [](const Block& a, const Block& b) { return a.begin.get() < b.begin.get(); });
+    sealed_ = true;
+  }
+
+ private:
+  struct Block {
+    std::unique_ptr<std::byte[]> begin;
+    std::size_t size;
+  };
+
+  void* do_allocate(std::size_t bytes, std::size_t alignment) override {
+    if (sealed_) return ::operator new(bytes, std::align_val_t(alignment));
+    std::size_t at = (used_ + alignment - 1) & ~(alignment - 1);
+    if (blocks_.empty() || at + bytes > blocks_.back().size) {
+      // A large value gets a block of its own, so that the current block's room is not lost.
+      if (bytes > kBlockSize / 4) return add(bytes, false);
+      add(kBlockSize, true);
+      at = 0;
+    }
+    used_ = at + bytes;
+    return blocks_.back().begin.get() + at;
+  }
+
+  void do_deallocate(void* pointer, std::size_t bytes, std::size_t alignment) override {
+    if (!owns(static_cast<const std::byte*>(pointer)))
+      ::operator delete(pointer, bytes, std::align_val_t(alignment));
+  }
+
+  bool do_is_equal(const memory_resource& other) const noexcept override { return this == &other; }
+
+  // A new block; the current one (the last) stays current unless `current`.
+  std::byte* add(std::size_t size, bool current) {
+    // Block storage is aligned for any fundamental type, which is all that values ask for.
+    Block block{std::make_unique_for_overwrite<std::byte[]>(size), size};
+    std::byte* begin = block.begin.get();
+    if (current || blocks_.empty()) {
+      blocks_.push_back(std::move(block));
+      used_ = current ? 0 : size;
+    } else {
+      blocks_.insert(blocks_.end() - 1, std::move(block));
+    }
+    return begin;
+  }
+
+  bool owns(const std::byte* pointer) const {
+    const std::less<const std::byte*> before;
+    if (!sealed_) {
+      return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& block) {
+        return !before(pointer, block.begin.get()) &&
+               before(pointer, block.begin.get() + block.size);
+      });
+    }
+    auto next = std::upper_bound(
+        blocks_.begin(), blocks_.end(), pointer,
+        [&](const std::byte* p, const Block& block) { return before(p, block.begin.get()); });
+    if (next == blocks_.begin()) return false;
+    --next;
+    return before(pointer, next->begin.get() + next->size);
+  }
+
+  std::vector<Block> blocks_;
+  std::size_t used_ = 0;  // bytes taken in the last block
+  bool sealed_ = false;
+};
 
 }  // namespace
 
@@ -98,6 +185,16 @@ std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::va
 std::optional<boost::json::value> parse(std::string_view text) {
   boost::system::error_code error;
   boost::json::value value = boost::json::parse(text, error);
+  if (error) return std::nullopt;
+  return value;
+}
+
+std::optional<boost::json::value> parseDocument(std::string_view text) {
+  DocumentArena* arena = nullptr;
+  boost::json::storage_ptr storage = boost::json::make_shared_resource<DocumentArena>(arena);
+  boost::system::error_code error;
+  boost::json::value value = boost::json::parse(text, error, storage);
+  arena->seal();
   if (error) return std::nullopt;
   return value;
 }

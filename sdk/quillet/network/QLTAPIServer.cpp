@@ -139,7 +139,7 @@ void downloadGVL(const Services& services,
       [completion = std::move(completion)](std::optional<Bytes> data,
                                            std::optional<HttpError> error) {
         if (error) QltLog::e(kTag, "GVL network error: " + error->description);
-        auto document = data ? Json::parse(textOf(*data)) : std::nullopt;
+        auto document = data ? Json::parseDocument(textOf(*data)) : std::nullopt;
         if (!document || !document->is_object()) {
           QltLog::e(kTag, "Failed to fetch or parse GVL JSON");
           completion(nullptr, std::nullopt);

@@ -104,8 +104,8 @@ void saveGVL(const boost::json::object& gvl) {
 std::optional<boost::json::object> loadGVL() {
   const auto bytes = store()->readBytes(StorageKeys::gvlJson);
   if (!bytes) return std::nullopt;
-  auto document =
-      Json::parse(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+  auto document = Json::parseDocument(
+      std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
   if (!document || !document->is_object()) return std::nullopt;
   return std::move(document->get_object());
 }
