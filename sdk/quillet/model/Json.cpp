@@ -44,7 +44,7 @@ std::optional<std::int64_t> fromNumber(const boost::json::value* value, bool exa
 // Freeing a value that lies in a block does nothing: the blocks go with the last value.
 class DocumentArena final : public boost::json::memory_resource {
  public:
-  static constexpr std::size_t kBlockSize = 64 * 1024;
+  static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
   // `self` is set to this arena: the counted storage that holds it does not give it out.
   explicit DocumentArena(DocumentArena*& self) { self = this; }
@@ -79,9 +79,9 @@ class DocumentArena final : public boost::json::memory_resource {
     return blocks_.back().begin.get() + at;
   }
 
-  void do_deallocate(void* pointer, std::size_t bytes, std::size_t alignment) override {
+  void do_deallocate(void* pointer, std::size_t /*bytes*/, std::size_t alignment) override {
     if (!owns(static_cast<const std::byte*>(pointer)))
-      ::operator delete(pointer, bytes, std::align_val_t(alignment));
+      ::operator delete(pointer, std::align_val_t(alignment));
   }
 
   bool do_is_equal(const memory_resource& other) const noexcept override { return this == &other; }
@@ -101,7 +101,7 @@ class DocumentArena final : public boost::json::memory_resource {
   }
 
   bool owns(const std::byte* pointer) const {
-    const std::less<const std::byte*> before;
+    const std::less<> before;
     if (!sealed_) {
       return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& block) {
         return !before(pointer, block.begin.get()) &&
