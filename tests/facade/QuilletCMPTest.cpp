@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <future>
+#include <map>
 #include <thread>
 
 #include <boost/json/parse.hpp>

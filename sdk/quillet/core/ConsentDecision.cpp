@@ -165,6 +165,8 @@ std::optional<StoreContents> storeContents(std::string_view storedTCString,
   if (!decoded) return std::nullopt;
 
   StoreContents contents;
+  contents.purposes.reserve(purposeIds.size());
+  contents.vendors.reserve(vendorIds.size());
   for (const auto id : purposeIds)
     contents.purposes.emplace_hint(contents.purposes.end(), id,
                                    contains(decoded->purposeConsents, id));

@@ -1,6 +1,7 @@
 #include "quillet/core/GoogleConsentMode.h"
 
 #include <algorithm>
+#include <map>
 #include <vector>
 
 #include "quillet/base/AnalyticsRegistry.h"

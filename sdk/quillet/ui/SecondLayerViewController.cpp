@@ -1,6 +1,7 @@
 #include "quillet/ui/SecondLayerViewController.h"
 
 #include <algorithm>
+#include <map>
 
 #include "quillet/base/MainQueue.h"
 #include "quillet/base/Platform.h"
