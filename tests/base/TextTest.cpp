@@ -1,7 +1,9 @@
+#include <random>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "quillet/base/IdList.h"
 #include "quillet/base/Text.h"
 
 namespace quillet {
@@ -45,6 +47,22 @@ TEST(Text, EachThreadHasItsOwnBreakIterator) {
   for (auto& thread : threads)
     thread.join();
   EXPECT_EQ(wrong.load(), 0);
+}
+
+// The cursor answers as a search does for ascending runs of queries, repeats, and queries that go
+// back, over lists with gaps, negative ids and none at all.
+TEST(IdList, CursorAnswersAsASearchInAnyQueryOrder) {
+  std::mt19937 random(7);
+  for (const std::vector<std::int64_t>& list :
+       {std::vector<std::int64_t>{}, {-4, 0, 2, 3, 9, 10, 40}, {5}}) {
+    IdList::Cursor cursor(list);
+    std::int64_t id = -6;
+    for (int query = 0; query < 400; ++query) {
+      id += static_cast<std::int64_t>(random() % 5) - 1;  // mostly up, some repeats, some back
+      if (id > 45) id -= 50;
+      ASSERT_EQ(cursor.contains(id), IdList::contains(list, id)) << list.size() << " " << id;
+    }
+  }
 }
 
 }  // namespace

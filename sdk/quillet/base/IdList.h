@@ -20,4 +20,23 @@ inline bool contains(std::span<const std::int64_t> sorted, std::int64_t id) {
   return std::binary_search(sorted.begin(), sorted.end(), id);
 }
 
+/// `contains` for a run of queries over one ascending list: while the queries ascend, each one
+/// starts where the last stopped, so a run over n ids costs one pass rather than n searches. A
+/// query below the last starts again from the front. The list must outlive the cursor.
+class Cursor {
+ public:
+  explicit Cursor(std::span<const std::int64_t> sorted) noexcept : sorted_(sorted) {}
+
+  bool contains(std::int64_t id) noexcept {
+    if (at_ > 0 && sorted_[at_ - 1] >= id) at_ = 0;
+    while (at_ < sorted_.size() && sorted_[at_] < id)
+      ++at_;
+    return at_ < sorted_.size() && sorted_[at_] == id;
+  }
+
+ private:
+  std::span<const std::int64_t> sorted_;
+  std::size_t at_ = 0;  // every entry before it is below the last query
+};
+
 }  // namespace quillet::IdList

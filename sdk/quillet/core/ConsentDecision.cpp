@@ -170,11 +170,12 @@ std::optional<StoreContents> storeContents(std::string_view storedTCString,
   for (const auto id : purposeIds)
     contents.purposes.emplace_hint(contents.purposes.end(), id,
                                    contains(decoded->purposeConsents, id));
+  IdList::Cursor consents(decoded->vendorConsents);
   for (const auto id : vendorIds)
-    contents.vendors.emplace_hint(contents.vendors.end(), id,
-                                  contains(decoded->vendorConsents, id));
+    contents.vendors.emplace_hint(contents.vendors.end(), id, consents.contains(id));
+  IdList::Cursor legitimate(decoded->vendorLegitimateInterests);
   for (const auto vendorId : vendorIds) {
-    if (!contains(decoded->vendorLegitimateInterests, vendorId)) continue;
+    if (!legitimate.contains(vendorId)) continue;
     for (const auto purpose : declared(facts, vendorId, List::legIntPurposes)) {
       if (contains(decoded->purposeLegitimateInterests, purpose)) {
         contents.legitimateInterests[vendorId][purpose] = true;
