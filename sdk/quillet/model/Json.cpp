@@ -121,6 +121,14 @@ class DocumentArena final : public boost::json::memory_resource {
   bool sealed_ = false;
 };
 
+std::optional<boost::json::value> parseInto(std::string_view text,
+                                            boost::json::storage_ptr storage) {
+  boost::system::error_code error;
+  boost::json::value value = boost::json::parse(text, error, std::move(storage));
+  if (error) return std::nullopt;
+  return value;
+}
+
 }  // namespace
 
 const boost::json::value* member(const boost::json::object& object, std::string_view key) noexcept {
@@ -183,19 +191,14 @@ std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::va
 }
 
 std::optional<boost::json::value> parse(std::string_view text) {
-  boost::system::error_code error;
-  boost::json::value value = boost::json::parse(text, error);
-  if (error) return std::nullopt;
-  return value;
+  return parseInto(text, {});
 }
 
 std::optional<boost::json::value> parseDocument(std::string_view text) {
   DocumentArena* arena = nullptr;
-  boost::json::storage_ptr storage = boost::json::make_shared_resource<DocumentArena>(arena);
-  boost::system::error_code error;
-  boost::json::value value = boost::json::parse(text, error, storage);
+  const boost::json::storage_ptr storage = boost::json::make_shared_resource<DocumentArena>(arena);
+  auto value = parseInto(text, storage);  // `storage` keeps the arena alive for the seal
   arena->seal();
-  if (error) return std::nullopt;
   return value;
 }
 
