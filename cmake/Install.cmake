@@ -19,7 +19,7 @@ install(TARGETS quillet_sdk quillet_sdk_shared
 set(QUILLET_PUBLIC_HEADERS
   base/AnalyticsRegistry.h base/Bytes.h base/Clock.h base/ConsentAction.h base/Endpoints.h
   base/Export.h base/Fatal.h base/Locale.h base/MainQueue.h base/Platform.h base/QltLog.h
-  base/Result.h
+  base/Result.h base/SharedList.h
   codec/Base64Url.h codec/BitReader.h codec/BitWriter.h codec/QLTCMPUtils.h codec/TCString.h
   codec/InAppValues.h codec/VendorIdSet.h
   core/QuilletCMP.h core/TcfApi.h

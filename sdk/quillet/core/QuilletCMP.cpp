@@ -61,9 +61,9 @@ struct QuilletCMP::Loaded {
   BrandingConfig config;
   std::shared_ptr<const boost::json::object> gvl;
   VendorList::Facts facts;
-  std::vector<PurposeModel> purposes;
-  std::vector<VendorModel> vendors;
-  std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+  SharedList<PurposeModel> purposes;
+  SharedList<VendorModel> vendors;
+  SharedList<std::shared_ptr<const boost::json::object>> rawVendors;
   // The ids of `purposes` and `vendors` in their order, and both ascending and unique.
   Ids purposeIds;
   Ids vendorIds;
@@ -108,15 +108,16 @@ std::shared_ptr<const boost::json::object> QuilletCMP::gvl() const {
 }
 std::vector<PurposeModel> QuilletCMP::purposes() const {
   const auto loaded = snapshot().loaded;
-  return loaded ? loaded->purposes : std::vector<PurposeModel>{};
+  return loaded ? loaded->purposes.get() : std::vector<PurposeModel>{};
 }
 std::vector<VendorModel> QuilletCMP::vendors() const {
   const auto loaded = snapshot().loaded;
-  return loaded ? loaded->vendors : std::vector<VendorModel>{};
+  return loaded ? loaded->vendors.get() : std::vector<VendorModel>{};
 }
 std::vector<std::shared_ptr<const boost::json::object>> QuilletCMP::rawVendors() const {
   const auto loaded = snapshot().loaded;
-  return loaded ? loaded->rawVendors : std::vector<std::shared_ptr<const boost::json::object>>{};
+  return loaded ? loaded->rawVendors.get()
+                : std::vector<std::shared_ptr<const boost::json::object>>{};
 }
 bool QuilletCMP::isConfigLoaded() const {
   std::lock_guard lock(mutex_);

@@ -9,6 +9,7 @@
 
 #include "quillet/base/ConsentAction.h"
 #include "quillet/base/Export.h"
+#include "quillet/base/SharedList.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/ConsentSelections.h"
 #include "quillet/model/PurposeModel.h"
@@ -17,13 +18,15 @@
 namespace quillet {
 
 /// What the consent screens are built from: the facade's loaded configuration and vendor list.
+/// The lists are shared with the facade and with every screen built from the same load, so that
+/// a screen costs no copy of the vendor list.
 struct QUILLET_EXPORT ScreenContent {
   BrandingConfig config;
-  std::vector<PurposeModel> purposes;
-  std::vector<VendorModel> vendors;
+  SharedList<PurposeModel> purposes;
+  SharedList<VendorModel> vendors;
   /// The vendor list entries of `vendors`, in the same order, sharing ownership of `gvl`; empty
   /// for a vendor without an entry under its id.
-  std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+  SharedList<std::shared_ptr<const boost::json::object>> rawVendors;
   std::shared_ptr<const boost::json::object> gvl;
   std::optional<ConsentSelections> initialSelections;
   /// The facade's consent-action handler, which the second layer's buttons call.

@@ -8,8 +8,8 @@
 namespace quillet {
 
 VendorsPageViewController::VendorsPageViewController(
-    std::vector<VendorModel> vendors,
-    std::vector<std::shared_ptr<const boost::json::object>> rawVendors,
+    SharedList<VendorModel> vendors,
+    SharedList<std::shared_ptr<const boost::json::object>> rawVendors,
     std::shared_ptr<const boost::json::object> gvl, BrandingConfig brandingConfig,
     VendorConsentStore& consentStore, std::set<std::int64_t> allowedPurposeIds)
     : vendors(std::move(vendors)),

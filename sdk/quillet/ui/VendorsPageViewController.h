@@ -10,6 +10,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "quillet/base/SharedList.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/ui/Screen.h"
@@ -24,8 +25,8 @@ class VendorsPageViewController {
  public:
   static constexpr std::string_view kCellIdentifier = "VendorCell";
 
-  VendorsPageViewController(std::vector<VendorModel> vendors,
-                            std::vector<std::shared_ptr<const boost::json::object>> rawVendors,
+  VendorsPageViewController(SharedList<VendorModel> vendors,
+                            SharedList<std::shared_ptr<const boost::json::object>> rawVendors,
                             std::shared_ptr<const boost::json::object> gvl,
                             BrandingConfig brandingConfig, VendorConsentStore& consentStore,
                             std::set<std::int64_t> allowedPurposeIds);
@@ -39,8 +40,8 @@ class VendorsPageViewController {
   /// changes).
   void vendorSwitchChanged(std::int64_t vendorId, bool isOn);
 
-  const std::vector<VendorModel> vendors;
-  const std::vector<std::shared_ptr<const boost::json::object>> rawVendors;
+  const SharedList<VendorModel> vendors;
+  const SharedList<std::shared_ptr<const boost::json::object>> rawVendors;
   const std::shared_ptr<const boost::json::object> gvl;
   const BrandingConfig brandingConfig;
   VendorConsentStore& consentStore;
