@@ -274,6 +274,32 @@ void execute(const std::filesystem::path& path, const char* sql) {
   sqlite3_close(db);
 }
 
+// Bytes are read whole from however many pages they span; a row whose value does not have its
+// kind's type reads as nothing and is logged, and the read after it is unharmed.
+TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeAndAMismatchedRowIsDamaged) {
+  const testing::TempDirectory directory;
+  const auto path = directory / "store.sqlite";
+  Bytes large(300000);
+  std::mt19937 random(7);
+  for (auto& byte : large)
+    byte = static_cast<std::uint8_t>(random());
+  SqliteKeyValueStore::open(path).value()->set("large", large);
+  execute(path,
+          "INSERT INTO kv (key, kind, value) VALUES ('text', 4, 'x'), ('number', 4, 5), "
+          "('empty', 4, zeroblob(0)), ('none', 4, NULL)");
+  const auto store = SqliteKeyValueStore::open(path).value();
+  const testing::LogCapture log;
+  EXPECT_EQ(store->get("text"), std::nullopt);
+  EXPECT_EQ(store->get("number"), std::nullopt);
+  EXPECT_EQ(store->readBytes("empty"), Bytes{});
+  EXPECT_EQ(store->readBytes("none"), Bytes{});
+  EXPECT_EQ(store->readBytes("large"), large);
+  EXPECT_THAT(log.lines(),
+              ::testing::ElementsAre(
+                  "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged",
+                  "[ERROR] [QLT-CMP:KeyValueStore] the value under \"number\" is damaged"));
+}
+
 // A file that is not a usable store is set aside unchanged, with an error logged, and a new store
 // starts in its place; an empty file is a new store.
 TEST(SqliteKeyValueStore, AnUnusableFileIsSetAsideAndANewStoreStarts) {
