@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <limits>
+#include <numeric>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -274,9 +275,9 @@ void execute(const std::filesystem::path& path, const char* sql) {
   sqlite3_close(db);
 }
 
-// Bytes are read whole from however many pages they span; a row whose value does not have its
-// kind's type reads as nothing and is logged, and the read after it is unharmed.
-TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeAndAMismatchedRowIsDamaged) {
+// Bytes are read whole, or in pieces, from however many pages they span; a row whose value does
+// not have its kind's type reads as nothing and is logged, and the read after it is unharmed.
+TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeOrInPiecesAndAMismatchedRowIsDamaged) {
   const testing::TempDirectory directory;
   const auto path = directory / "store.sqlite";
   Bytes large(300000);
@@ -294,10 +295,34 @@ TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeAndAMismatchedRowIsDamag
   EXPECT_EQ(store->readBytes("empty"), Bytes{});
   EXPECT_EQ(store->readBytes("none"), Bytes{});
   EXPECT_EQ(store->readBytes("large"), large);
+  // In pieces, in order; the sink can stop the read.
+  const auto inPieces = [&](std::string_view key, std::size_t stopAfter) {
+    std::vector<Bytes> pieces;
+    const bool whole = store->readBytesInPieces(key, [&](std::span<const std::uint8_t> piece) {
+      pieces.emplace_back(piece.begin(), piece.end());
+      return pieces.size() < stopAfter;
+    });
+    return std::pair(whole, pieces);
+  };
+  const auto [whole, pieces] = inPieces("large", 100);
+  EXPECT_TRUE(whole);
+  EXPECT_GT(pieces.size(), 1U);
+  EXPECT_EQ(std::accumulate(pieces.begin(), pieces.end(), Bytes{},
+                            [](Bytes all, const Bytes& piece) {
+                              all.insert(all.end(), piece.begin(), piece.end());
+                              return all;
+                            }),
+            large);
+  EXPECT_EQ(inPieces("large", 2).second.size(), 2U);
+  EXPECT_FALSE(inPieces("large", 2).first);
+  EXPECT_EQ(inPieces("none", 100), std::pair(true, std::vector<Bytes>{Bytes{}}));
+  EXPECT_EQ(inPieces("missing", 100), std::pair(false, std::vector<Bytes>{}));
+  EXPECT_FALSE(inPieces("text", 100).first);
   EXPECT_THAT(log.lines(),
               ::testing::ElementsAre(
                   "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged",
-                  "[ERROR] [QLT-CMP:KeyValueStore] the value under \"number\" is damaged"));
+                  "[ERROR] [QLT-CMP:KeyValueStore] the value under \"number\" is damaged",
+                  "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged"));
 }
 
 // A file that is not a usable store is set aside unchanged, with an error logged, and a new store

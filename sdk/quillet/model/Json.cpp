@@ -9,6 +9,7 @@
 #include <boost/json/memory_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
+#include <boost/json/stream_parser.hpp>
 
 namespace quillet::Json {
 namespace {
@@ -195,10 +196,42 @@ std::optional<boost::json::value> parse(std::string_view text) {
 }
 
 std::optional<boost::json::value> parseDocument(std::string_view text) {
+  DocumentReader reader;
+  reader.read(text);
+  return reader.finish();
+}
+
+struct DocumentReader::State {
+  State() : storage(boost::json::make_shared_resource<DocumentArena>(arena)) {
+    parser.reset(storage);
+  }
+
   DocumentArena* arena = nullptr;
-  const boost::json::storage_ptr storage = boost::json::make_shared_resource<DocumentArena>(arena);
-  auto value = parseInto(text, storage);  // `storage` keeps the arena alive for the seal
-  arena->seal();
+  boost::json::storage_ptr storage;  // keeps the arena alive for the seal, whatever the parse
+  boost::json::stream_parser parser;
+  bool failed = false;
+};
+
+DocumentReader::DocumentReader() : state_(std::make_unique<State>()) {}
+DocumentReader::~DocumentReader() = default;
+
+bool DocumentReader::read(std::string_view piece) {
+  if (state_->failed) return false;
+  boost::system::error_code error;
+  state_->parser.write(piece.data(), piece.size(), error);
+  state_->failed = static_cast<bool>(error);
+  return !state_->failed;
+}
+
+std::optional<boost::json::value> DocumentReader::finish() {
+  std::optional<boost::json::value> value;
+  if (!state_->failed) {
+    boost::system::error_code error;
+    state_->parser.finish(error);
+    if (!error) value = state_->parser.release();
+  }
+  state_->failed = true;
+  state_->arena->seal();
   return value;
 }
 

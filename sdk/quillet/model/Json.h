@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,6 +53,26 @@ std::optional<boost::json::value> parse(std::string_view text);
 /// memory and time than one heap allocation per value. Values that are copied from it or added to
 /// it later take the heap. The result may be read on any thread.
 std::optional<boost::json::value> parseDocument(std::string_view text);
+
+/// `parseDocument` for a text that arrives in pieces, such as a stored document read a page at a
+/// time, so that the whole text need never be held at once. Used from one thread at a time.
+class DocumentReader {
+ public:
+  DocumentReader();
+  ~DocumentReader();
+  DocumentReader(const DocumentReader&) = delete;
+  DocumentReader& operator=(const DocumentReader&) = delete;
+
+  /// Reads the next piece; false once the text read so far cannot start a JSON document, after
+  /// which pieces are ignored.
+  bool read(std::string_view piece);
+  /// The document, when the pieces read form exactly one; the reader is spent afterwards.
+  std::optional<boost::json::value> finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 /// The value as compact JSON text, for log lines.
 std::string print(const boost::json::value& value);

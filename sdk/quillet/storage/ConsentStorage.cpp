@@ -102,11 +102,15 @@ void saveGVL(const boost::json::object& gvl) {
 }
 
 std::optional<boost::json::object> loadGVL() {
-  const auto bytes = store()->readBytes(StorageKeys::gvlJson);
-  if (!bytes) return std::nullopt;
-  auto document = Json::parseDocument(
-      std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
-  if (!document || !document->is_object()) return std::nullopt;
+  // Parsed as it is read, so that the stored text is never held whole.
+  Json::DocumentReader reader;
+  const bool read = store()->readBytesInPieces(
+      StorageKeys::gvlJson, [&reader](std::span<const std::uint8_t> piece) {
+        return reader.read(
+            std::string_view(reinterpret_cast<const char*>(piece.data()), piece.size()));
+      });
+  auto document = reader.finish();
+  if (!read || !document || !document->is_object()) return std::nullopt;
   return std::move(document->get_object());
 }
 

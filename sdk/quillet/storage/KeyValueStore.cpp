@@ -71,6 +71,12 @@ std::optional<Bytes> KeyValueStore::readBytes(std::string_view key) const {
   return std::nullopt;
 }
 
+bool KeyValueStore::readBytesInPieces(
+    std::string_view key, const std::function<bool(std::span<const std::uint8_t>)>& sink) const {
+  const auto bytes = readBytes(key);
+  return bytes && sink(*bytes);
+}
+
 std::optional<StoreValue::Dictionary> KeyValueStore::readDictionary(std::string_view key) const {
   auto value = get(key);
   if (!value) return std::nullopt;

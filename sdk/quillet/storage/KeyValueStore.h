@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -24,6 +26,13 @@ class QUILLET_EXPORT KeyValueStore {
   /// Returns once every earlier write is durable (survives a crash of the process and of the
   /// machine). False when that could not be done; the error is logged.
   virtual bool synchronize() = 0;
+
+  /// Hands the bytes stored under `key` to `sink` in order, a piece at a time, so that a large
+  /// value need not be held whole; `sink` returns false to stop. True when there were bytes under
+  /// `key` and every piece was handed on. Pieces are valid during the call that gets them. The
+  /// default reads the bytes whole and hands them on as one piece.
+  virtual bool readBytesInPieces(
+      std::string_view key, const std::function<bool(std::span<const std::uint8_t>)>& sink) const;
 
   // Typed readers with the platform store's conversions.
 

@@ -69,6 +69,27 @@ std::string describe(sqlite3* db, int code) {
          (db != nullptr ? std::string(" (") + sqlite3_errmsg(db) + ")" : "");
 }
 
+// Where the bytes stored under `key` as a blob are: their row and length; nothing for any other
+// value and for none. Leaves the statement reset.
+struct BlobPlace {
+  sqlite3_int64 row;
+  std::size_t size;
+};
+std::optional<BlobPlace> placeOfBlob(sqlite3_stmt* select, std::string_view key) {
+  std::optional<BlobPlace> place;
+  sqlite3_bind_text(select, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  if (sqlite3_step(select) == SQLITE_ROW && sqlite3_column_int(select, kKindColumn) == kBytes &&
+      sqlite3_column_type(select, kBytesSizeColumn) == SQLITE_INTEGER &&
+      std::string_view(
+          reinterpret_cast<const char*>(sqlite3_column_text(select, kBytesTypeColumn))) == "blob") {
+    place = BlobPlace{sqlite3_column_int64(select, kRowColumn),
+                      static_cast<std::size_t>(sqlite3_column_int64(select, kBytesSizeColumn))};
+  }
+  sqlite3_reset(select);
+  sqlite3_clear_bindings(select);
+  return place;
+}
+
 // Reads the blob in the value column of row `row` whole; `problem` says why when it cannot.
 std::optional<Bytes> readBlob(sqlite3* db, sqlite3_int64 row, std::size_t size,
                               std::string& problem) {
@@ -419,6 +440,45 @@ void SqliteKeyValueStore::remove(std::string_view key) {
     sqlite3_clear_bindings(erase);
   }
   if (!problem.empty()) QltLog::e(kTag, problem);
+}
+
+bool SqliteKeyValueStore::readBytesInPieces(
+    std::string_view key, const std::function<bool(std::span<const std::uint8_t>)>& sink) const {
+  constexpr std::size_t kPiece = std::size_t{64} * 1024;
+  std::unique_lock lock(mutex_);
+  const auto place = placeOfBlob(connection_->select.get(), key);
+  if (!place) {
+    // Empty, damaged or missing: as every other read sees it.
+    lock.unlock();
+    return KeyValueStore::readBytesInPieces(key, sink);
+  }
+  // The store stays usable while a piece is handed on: the lock is let go for the call. A write
+  // to this key in between ends the read with an error.
+  struct Relock {
+    std::unique_lock<std::mutex>& lock;
+    ~Relock() { lock.lock(); }
+  };
+  sqlite3* db = connection_->db.get();
+  sqlite3_blob* raw = nullptr;
+  int code = sqlite3_blob_open(db, "main", "kv", "value", place->row, 0, &raw);
+  Blob blob(raw);
+  std::vector<std::uint8_t> piece(std::min(place->size, kPiece));
+  bool handed = true;
+  for (std::size_t at = 0; code == SQLITE_OK && handed && at < place->size; at += piece.size()) {
+    piece.resize(std::min(kPiece, place->size - at));
+    code = sqlite3_blob_read(blob.get(), piece.data(), static_cast<int>(piece.size()),
+                             static_cast<int>(at));
+    if (code != SQLITE_OK) break;
+    lock.unlock();
+    const Relock relock{lock};
+    handed = sink(piece);
+  }
+  blob.reset();
+  if (code == SQLITE_OK) return handed;
+  std::string problem = "reading \"" + std::string(key) + "\": " + describe(db, code);
+  lock.unlock();
+  QltLog::e(kTag, problem);
+  return false;
 }
 
 bool SqliteKeyValueStore::synchronize() {

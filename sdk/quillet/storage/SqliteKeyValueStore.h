@@ -41,6 +41,11 @@ class QUILLET_EXPORT SqliteKeyValueStore final : public KeyValueStore {
   void set(std::string_view key, StoreValue value) override;
   void remove(std::string_view key) override;
   bool synchronize() override;
+  /// Reads a stored blob a page run at a time, straight from the file's pages; the store is not
+  /// locked while `sink` runs.
+  bool readBytesInPieces(
+      std::string_view key,
+      const std::function<bool(std::span<const std::uint8_t>)>& sink) const override;
 
   const std::filesystem::path& path() const noexcept { return path_; }
 
