@@ -323,6 +323,17 @@ TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeOrInPiecesAndAMismatched
                   "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged",
                   "[ERROR] [QLT-CMP:KeyValueStore] the value under \"number\" is damaged",
                   "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged"));
+  // The store is not locked while a piece is handed on; a write to the key being read ends the
+  // read with an error.
+  int handed = 0;
+  EXPECT_FALSE(store->readBytesInPieces("large", [&](std::span<const std::uint8_t>) {
+    store->set("other", ++handed);
+    if (handed == 2) store->set("large", Bytes{1});
+    return true;
+  }));
+  EXPECT_EQ(handed, 2);
+  EXPECT_EQ(store->readBytes("large"), Bytes{1});
+  EXPECT_THAT(log.lines().back(), HasSubstr("reading \"large\": "));
 }
 
 // A file that is not a usable store is set aside unchanged, with an error logged, and a new store
