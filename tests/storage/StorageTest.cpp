@@ -206,8 +206,8 @@ TEST_P(Stores, ConsentStorageWalk) {
 INSTANTIATE_TEST_SUITE_P(Kinds, Stores, ::testing::Values("memory", "sqlite"),
                          [](const auto& info) { return info.param; });
 
-// The binary form of values takes exactly one whole value: every shorter prefix and any trailing
-// byte are refused.
+// The binary form of values takes exactly one whole value, nested at most 64 deep: every shorter
+// prefix, any trailing byte and deeper nesting are refused.
 TEST(StoreValueCodec, DecodesOnlyWholeValues) {
   const StoreValue value = StoreValue::Dictionary{
       {"1", StoreValue::Dictionary{{"755", true}}}, {"text", "Grüße"}, {"bytes", Bytes{1, 2, 3}}};
@@ -219,6 +219,15 @@ TEST(StoreValueCodec, DecodesOnlyWholeValues) {
   }
   bytes.push_back(0);
   EXPECT_EQ(storeValueCodec::decode(bytes), std::nullopt);
+  // Dictionaries nested 64 deep are read; one more level is refused.
+  StoreValue nested = true;
+  for (int depth = 1; depth <= 65; ++depth) {
+    nested = StoreValue::Dictionary{{"k", nested}};
+    if (depth < 64) continue;
+    EXPECT_EQ(storeValueCodec::decode(storeValueCodec::encode(nested)),
+              depth == 64 ? std::optional(nested) : std::nullopt)
+        << depth;
+  }
 }
 
 std::string integrityCheck(const std::filesystem::path& path) {
