@@ -50,60 +50,30 @@ using Database = std::unique_ptr<sqlite3, DatabaseCloser>;
 using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 using Blob = std::unique_ptr<sqlite3_blob, BlobCloser>;
 
-// A value's columns in the select statement. Bytes are not among them: they are read straight
-// into their buffer from the row's pages, without the statement gathering a copy of them first.
-enum SelectColumn : int {
-  kKindColumn,
-  kBytesTypeColumn,
-  kBytesSizeColumn,
-  kRowColumn,
-  kValueColumn
-};
-static_assert(kBytes == 4);  // as written in the select statement
-constexpr const char* kSelect =
-    "SELECT kind, typeof(value), length(value), rowid, CASE kind WHEN 4 THEN NULL ELSE value END "
-    "FROM kv WHERE key = ?1";
-
 std::string describe(sqlite3* db, int code) {
   return std::string(sqlite3_errstr(code)) +
          (db != nullptr ? std::string(" (") + sqlite3_errmsg(db) + ")" : "");
 }
 
 // Where the bytes stored under `key` as a blob are: their row and length; nothing for any other
-// value and for none. Leaves the statement reset.
+// value and for none. `place` is the statement that asks. Leaves it reset.
 struct BlobPlace {
   sqlite3_int64 row;
   std::size_t size;
 };
-std::optional<BlobPlace> placeOfBlob(sqlite3_stmt* select, std::string_view key) {
-  std::optional<BlobPlace> place;
-  sqlite3_bind_text(select, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-  if (sqlite3_step(select) == SQLITE_ROW && sqlite3_column_int(select, kKindColumn) == kBytes &&
-      sqlite3_column_type(select, kBytesSizeColumn) == SQLITE_INTEGER &&
-      std::string_view(
-          reinterpret_cast<const char*>(sqlite3_column_text(select, kBytesTypeColumn))) == "blob") {
-    place = BlobPlace{sqlite3_column_int64(select, kRowColumn),
-                      static_cast<std::size_t>(sqlite3_column_int64(select, kBytesSizeColumn))};
+constexpr const char* kPlaceOfBlob =
+    "SELECT rowid, length(value) FROM kv WHERE key = ?1 AND kind = 4 AND typeof(value) = 'blob'";
+static_assert(kBytes == 4);  // as written in that statement
+std::optional<BlobPlace> placeOfBlob(sqlite3_stmt* place, std::string_view key) {
+  std::optional<BlobPlace> found;
+  sqlite3_bind_text(place, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  if (sqlite3_step(place) == SQLITE_ROW) {
+    found = BlobPlace{sqlite3_column_int64(place, 0),
+                      static_cast<std::size_t>(sqlite3_column_int64(place, 1))};
   }
-  sqlite3_reset(select);
-  sqlite3_clear_bindings(select);
-  return place;
-}
-
-// Reads the blob in the value column of row `row` whole; `problem` says why when it cannot.
-std::optional<Bytes> readBlob(sqlite3* db, sqlite3_int64 row, std::size_t size,
-                              std::string& problem) {
-  Bytes out(size);
-  if (size == 0) return out;
-  sqlite3_blob* raw = nullptr;
-  int code = sqlite3_blob_open(db, "main", "kv", "value", row, 0, &raw);
-  const Blob blob(raw);
-  if (code == SQLITE_OK) {
-    code = sqlite3_blob_read(blob.get(), out.data(), static_cast<int>(size), 0);
-  }
-  if (code == SQLITE_OK) return out;
-  problem = describe(db, code);
-  return std::nullopt;
+  sqlite3_reset(place);
+  sqlite3_clear_bindings(place);
+  return found;
 }
 
 bool unusableFile(int code) {
@@ -222,6 +192,7 @@ std::optional<std::filesystem::path> setAside(const std::filesystem::path& path)
 struct SqliteKeyValueStore::Connection {
   Database db;  // declared first: closed after the statements are finalised
   Statement select;
+  Statement placeOfBlob;
   Statement upsert;
   Statement erase;
   Statement touch;
@@ -282,7 +253,9 @@ Result<std::shared_ptr<SqliteKeyValueStore>> SqliteKeyValueStore::open(
       return code;
     };
     for (const auto& [sql, statement] :
-         {std::pair<const char*, Statement*>{kSelect, &connection->select},
+         {std::pair<const char*, Statement*>{"SELECT kind, value FROM kv WHERE key = ?1",
+                                             &connection->select},
+          {kPlaceOfBlob, &connection->placeOfBlob},
           {"INSERT INTO kv (key, kind, value) VALUES (?1, ?2, ?3) ON CONFLICT (key) DO UPDATE "
            "SET kind = excluded.kind, value = excluded.value",
            &connection->upsert},
@@ -314,22 +287,20 @@ std::optional<StoreValue> SqliteKeyValueStore::get(std::string_view key) const {
     sqlite3_bind_text(select, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     const int code = sqlite3_step(select);
     if (code == SQLITE_ROW) {
-      const int kind = sqlite3_column_int(select, kKindColumn);
-      const int type = sqlite3_column_type(select, kValueColumn);
-      const auto* blob =
-          static_cast<const std::uint8_t*>(sqlite3_column_blob(select, kValueColumn));
-      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(select, kValueColumn));
+      const int kind = sqlite3_column_int(select, 0);
+      const int type = sqlite3_column_type(select, 1);
+      const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(select, 1));
+      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(select, 1));
       switch (kind) {
         case kBool:
-          if (type == SQLITE_INTEGER)
-            value.emplace(sqlite3_column_int64(select, kValueColumn) != 0);
+          if (type == SQLITE_INTEGER) value.emplace(sqlite3_column_int64(select, 1) != 0);
           break;
         case kInteger:
-          if (type == SQLITE_INTEGER) value.emplace(sqlite3_column_int64(select, kValueColumn));
+          if (type == SQLITE_INTEGER) value.emplace(sqlite3_column_int64(select, 1));
           break;
         case kDouble:
           if (type == SQLITE_FLOAT || type == SQLITE_INTEGER) {
-            value.emplace(sqlite3_column_double(select, kValueColumn));
+            value.emplace(sqlite3_column_double(select, 1));
           } else if (type == SQLITE_BLOB && size == 8) {
             std::array<std::uint8_t, 8> bits{};
             std::copy(blob, blob + 8, bits.begin());
@@ -338,35 +309,22 @@ std::optional<StoreValue> SqliteKeyValueStore::get(std::string_view key) const {
           break;
         case kText:
           if (type == SQLITE_TEXT) {
-            value.emplace(std::string(
-                reinterpret_cast<const char*>(sqlite3_column_text(select, kValueColumn)),
-                static_cast<std::size_t>(sqlite3_column_bytes(select, kValueColumn))));
+            value.emplace(std::string(reinterpret_cast<const char*>(sqlite3_column_text(select, 1)),
+                                      static_cast<std::size_t>(sqlite3_column_bytes(select, 1))));
           }
           break;
-        case kBytes: {
-          const std::string_view stored(
-              reinterpret_cast<const char*>(sqlite3_column_text(select, kBytesTypeColumn)));
-          if (stored == "null") {
-            value.emplace(Bytes{});
-          } else if (stored == "blob") {
-            std::string failure;
-            auto bytes = readBlob(
-                connection_->db.get(), sqlite3_column_int64(select, kRowColumn),
-                static_cast<std::size_t>(sqlite3_column_int64(select, kBytesSizeColumn)), failure);
-            if (bytes) value.emplace(std::move(*bytes));
-            if (!failure.empty()) problem = "reading \"" + std::string(key) + "\": " + failure;
+        case kBytes:
+          if (type == SQLITE_BLOB || type == SQLITE_NULL) {
+            value.emplace(Bytes(blob, blob + size));
           }
           break;
-        }
         case kDictionary:
           if (type == SQLITE_BLOB) value = storeValueCodec::decode({blob, size});
           break;
         default:
           break;
       }
-      if (!value && problem.empty()) {
-        problem = "the value under \"" + std::string(key) + "\" is damaged";
-      }
+      if (!value) problem = "the value under \"" + std::string(key) + "\" is damaged";
     } else if (code != SQLITE_DONE) {
       problem = "reading \"" + std::string(key) + "\": " + describe(connection_->db.get(), code);
     }
@@ -446,7 +404,7 @@ bool SqliteKeyValueStore::readBytesInPieces(
     std::string_view key, const std::function<bool(std::span<const std::uint8_t>)>& sink) const {
   constexpr std::size_t kPiece = std::size_t{64} * 1024;
   std::unique_lock lock(mutex_);
-  const auto place = placeOfBlob(connection_->select.get(), key);
+  const auto place = placeOfBlob(connection_->placeOfBlob.get(), key);
   if (!place) {
     // Empty, damaged or missing: as every other read sees it.
     lock.unlock();
