@@ -10,7 +10,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include "quillet/base/Platform.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -412,8 +414,9 @@ TEST(SqliteKeyValueStore, APathThatCannotHoldAStoreIsAnErrorNotACrash) {
   EXPECT_FALSE(SqliteKeyValueStore::open(directory / "plain-file" / "store.sqlite"));
 }
 
-// The default store is opened under XDG_DATA_HOME (an absolute one) on first use.
-TEST(SqliteKeyValueStore, TheDefaultPathFollowsXdgDataHome) {
+// The default store is opened on first use under XDG_DATA_HOME (an absolute one), else under
+// HOME, else the user's home; installing a platform again opens it anew.
+TEST(SqliteKeyValueStore, TheDefaultPathFollowsXdgDataHomeThenHome) {
   const testing::TempDirectory home;
   testing::ScopedEnvironment dataHome("XDG_DATA_HOME", home.path().string());
   EXPECT_EQ(SqliteKeyValueStore::defaultPath(), home / "quillet/store.sqlite");
@@ -422,9 +425,15 @@ TEST(SqliteKeyValueStore, TheDefaultPathFollowsXdgDataHome) {
   EXPECT_TRUE(std::filesystem::exists(home / "quillet/store.sqlite"));
   Platform::install({});  // a fresh open of the same file
   EXPECT_EQ(ConsentStorage::getTCString(), "CQ-default");
+  dataHome.set((home / "moved").string());
+  Platform::install({});
+  EXPECT_EQ(ConsentStorage::getTCString(), std::nullopt);
   dataHome.set("relative/ignored");
-  EXPECT_THAT(SqliteKeyValueStore::defaultPath().string(),
-              ::testing::EndsWith("/.local/share/quillet/store.sqlite"));
+  testing::ScopedEnvironment userHome("HOME", home.path().string());
+  EXPECT_EQ(SqliteKeyValueStore::defaultPath(), home / ".local/share/quillet/store.sqlite");
+  userHome.set("");
+  EXPECT_EQ(SqliteKeyValueStore::defaultPath(), std::filesystem::path(getpwuid(getuid())->pw_dir) /
+                                                    ".local/share/quillet/store.sqlite");
   Platform::install({});
 }
 
