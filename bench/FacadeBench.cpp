@@ -74,6 +74,7 @@ class Setup {
       : host(std::make_shared<CountingHost>(screens)) {
     gvl_ = bench::testdataText("gvl-v3-106.json");
     server_.set_tcp_nodelay(true);
+    server_.set_keep_alive_timeout(1);  // the server waits this long for a kept connection at stop
     server_.Get("/cdn/pub/banner_config.json", [](const httplib::Request&, httplib::Response& r) {
       r.set_content(kConfig, "application/octet-stream");
     });

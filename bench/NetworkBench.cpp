@@ -47,6 +47,7 @@ class Server {
       r.set_content(gvl_, "application/octet-stream");
     });
     server_.set_tcp_nodelay(true);
+    server_.set_keep_alive_timeout(1);  // the server waits this long for a kept connection at stop
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = startAccepting(server_);
   }
