@@ -306,6 +306,10 @@ TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeOrInPiecesAndAMismatched
   EXPECT_EQ(store->readBytes("empty"), Bytes{});
   EXPECT_EQ(store->readBytes("none"), Bytes{});
   EXPECT_EQ(store->readBytes("large"), large);
+  // Only stored bytes have a size to tell.
+  EXPECT_EQ(
+      std::tuple(store->byteCount("large"), store->byteCount("empty"), store->byteCount("text")),
+      std::tuple(std::optional<std::size_t>(300000), std::optional<std::size_t>(0), std::nullopt));
   // In pieces, in order; the sink can stop the read.
   const auto inPieces = [&](std::string_view key, std::size_t stopAfter) {
     std::vector<Bytes> pieces;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -58,7 +59,9 @@ std::optional<boost::json::value> parseDocument(std::string_view text);
 /// time, so that the whole text need never be held at once. Used from one thread at a time.
 class DocumentReader {
  public:
-  DocumentReader();
+  /// `expectedTextBytes`, when known, is the length of the whole text; a large document then
+  /// takes its memory in large pages where the system has them, which are faster to fill.
+  explicit DocumentReader(std::size_t expectedTextBytes = 0);
   ~DocumentReader();
   DocumentReader(const DocumentReader&) = delete;
   DocumentReader& operator=(const DocumentReader&) = delete;

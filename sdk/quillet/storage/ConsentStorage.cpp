@@ -103,9 +103,10 @@ void saveGVL(const boost::json::object& gvl) {
 
 std::optional<boost::json::object> loadGVL() {
   // Parsed as it is read, so that the stored text is never held whole.
-  Json::DocumentReader reader;
-  const bool read = store()->readBytesInPieces(
-      StorageKeys::gvlJson, [&reader](std::span<const std::uint8_t> piece) {
+  const auto kv = store();
+  Json::DocumentReader reader(kv->byteCount(StorageKeys::gvlJson).value_or(0));
+  const bool read =
+      kv->readBytesInPieces(StorageKeys::gvlJson, [&reader](std::span<const std::uint8_t> piece) {
         return reader.read(
             std::string_view(reinterpret_cast<const char*>(piece.data()), piece.size()));
       });

@@ -77,6 +77,10 @@ bool KeyValueStore::readBytesInPieces(
   return bytes && sink(*bytes);
 }
 
+std::optional<std::size_t> KeyValueStore::byteCount(std::string_view /*key*/) const {
+  return std::nullopt;
+}
+
 std::optional<StoreValue::Dictionary> KeyValueStore::readDictionary(std::string_view key) const {
   auto value = get(key);
   if (!value) return std::nullopt;

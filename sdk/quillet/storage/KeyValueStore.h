@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -33,6 +34,10 @@ class QUILLET_EXPORT KeyValueStore {
   /// default reads the bytes whole and hands them on as one piece.
   virtual bool readBytesInPieces(
       std::string_view key, const std::function<bool(std::span<const std::uint8_t>)>& sink) const;
+
+  /// The number of bytes stored under `key` when the store can tell without reading them, else
+  /// nothing; a hint for sizing, which a later read need not match. The default tells nothing.
+  virtual std::optional<std::size_t> byteCount(std::string_view key) const;
 
   // Typed readers with the platform store's conversions.
 

@@ -439,6 +439,12 @@ bool SqliteKeyValueStore::readBytesInPieces(
   return false;
 }
 
+std::optional<std::size_t> SqliteKeyValueStore::byteCount(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  const auto place = placeOfBlob(connection_->placeOfBlob.get(), key);
+  return place ? std::optional(place->size) : std::nullopt;
+}
+
 bool SqliteKeyValueStore::synchronize() {
   std::string problem;
   {

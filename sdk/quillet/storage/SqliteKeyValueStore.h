@@ -47,6 +47,8 @@ class QUILLET_EXPORT SqliteKeyValueStore final : public KeyValueStore {
       std::string_view key,
       const std::function<bool(std::span<const std::uint8_t>)>& sink) const override;
 
+  std::optional<std::size_t> byteCount(std::string_view key) const override;
+
   const std::filesystem::path& path() const noexcept { return path_; }
 
  private:
