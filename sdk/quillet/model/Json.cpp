@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -85,6 +86,45 @@ void unmapLargePages([[maybe_unused]] std::byte* begin, [[maybe_unused]] std::si
 #endif
 }
 
+// The large pages of the last large document that went, kept for the next: a process that parses
+// its vendor list again (a second start, or a start after the cache was filled) then fills pages
+// that are already there. The system may take them back meanwhile, under memory pressure.
+// Never destroyed: documents may go while the process exits.
+struct SpareLargePages {
+  std::mutex mutex;
+  std::byte* begin = nullptr;
+  std::size_t size = 0;
+};
+
+SpareLargePages& spareLargePages() {
+  static SpareLargePages* const spare = new SpareLargePages();
+  return *spare;
+}
+
+std::byte* takeLargePages(std::size_t bytes) {
+  SpareLargePages& spare = spareLargePages();
+  {
+    std::lock_guard lock(spare.mutex);
+    if (spare.begin != nullptr && spare.size == bytes) return std::exchange(spare.begin, nullptr);
+  }
+  return mapLargePages(bytes);
+}
+
+void giveBackLargePages(std::byte* begin, std::size_t bytes) {
+#if defined(__linux__)
+  madvise(begin, bytes, MADV_FREE);
+#endif
+  SpareLargePages& spare = spareLargePages();
+  std::byte* older = begin;
+  std::size_t olderSize = bytes;
+  {
+    std::lock_guard lock(spare.mutex);
+    std::swap(spare.begin, older);
+    std::swap(spare.size, olderSize);
+  }
+  if (older != nullptr) unmapLargePages(older, olderSize);
+}
+
 // The storage of one parsed document: a bump allocator over blocks while the parser fills it on
 // one thread; once sealed, it hands further allocations to the heap and is safe on any thread.
 // Freeing a value that lies in a block does nothing: the blocks go with the last value.
@@ -105,14 +145,14 @@ class DocumentArena final : public boost::json::memory_resource {
     const std::size_t large = estimate / kLargePage * kLargePage;
     if (large == 0) return;
     blocks_.reserve(1);
-    if (std::byte* begin = mapLargePages(large)) blocks_.push_back(Block{begin, large, true});
+    if (std::byte* begin = takeLargePages(large)) blocks_.push_back(Block{begin, large, true});
   }
   DocumentArena(const DocumentArena&) = delete;
   DocumentArena& operator=(const DocumentArena&) = delete;
   ~DocumentArena() override {
     for (const Block& block : blocks_) {
       if (block.mapped) {
-        unmapLargePages(block.begin, block.size);
+        giveBackLargePages(block.begin, block.size);
       } else {
         ::operator delete[](block.begin);
       }
@@ -131,7 +171,7 @@ class DocumentArena final : public boost::json::memory_resource {
   struct Block {
     std::byte* begin;
     std::size_t size;
-    bool mapped;  // by mapLargePages; else from the heap
+    bool mapped;  // by takeLargePages; else from the heap
   };
 
   void* do_allocate(std::size_t bytes, std::size_t alignment) override {
