@@ -159,6 +159,13 @@ class DocumentArena final : public boost::json::memory_resource {
     }
   }
 
+  std::size_t blockBytes() const noexcept {
+    std::size_t total = 0;
+    for (const Block& block : blocks_)
+      total += block.size;
+    return total;
+  }
+
   // Called before the document is handed to another thread; afterwards, nothing is added to the
   // blocks and `owns` reads them sorted.
   void seal() {
@@ -342,6 +349,10 @@ std::optional<boost::json::value> DocumentReader::finish() {
   state_->failed = true;
   state_->arena->seal();
   return value;
+}
+
+std::size_t DocumentReader::blockBytes() const noexcept {
+  return state_->arena->blockBytes();
 }
 
 std::string print(const boost::json::value& value) {

@@ -71,6 +71,8 @@ class DocumentReader {
   bool read(std::string_view piece);
   /// The document, when the pieces read form exactly one; the reader is spent afterwards.
   std::optional<boost::json::value> finish();
+  /// The bytes of the blocks that hold the document, whether its values fill them or not.
+  std::size_t blockBytes() const noexcept;
 
  private:
   struct State;
