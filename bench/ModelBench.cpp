@@ -82,7 +82,8 @@ void ModelsFromParsedJson(benchmark::State& state) {
 BENCHMARK(ModelsFromParsedJson)->Unit(benchmark::kMillisecond);
 
 // saveGVL (serialise, store, synchronise) and loadGVL (read, parse) through the SQLite store.
-// Argument 0: both, each time; 1: loadGVL alone, of the list saved once (start-up's read).
+// Argument 0: both, each time; 1: loadGVL alone, of the list saved once (start-up's read); 2:
+// hasGVL alone (the check of a start that has the list in memory).
 void SaveAndLoadVendorList(benchmark::State& state) {
   std::string pattern = (std::filesystem::temp_directory_path() / "quillet-bench-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -91,19 +92,24 @@ void SaveAndLoadVendorList(benchmark::State& state) {
       {.keyValueStore = SqliteKeyValueStore::open(directory / "store.sqlite").value()});
   const auto document = Json::parse(vendorListText());
   const boost::json::object& gvl = document->get_object();
-  const bool loadOnly = state.range(0) == 1;
-  if (loadOnly) ConsentStorage::saveGVL(gvl);
+  const auto mode = state.range(0);
+  if (mode != 0) ConsentStorage::saveGVL(gvl);
   for (auto _ : state) {
-    if (!loadOnly) ConsentStorage::saveGVL(gvl);
-    benchmark::DoNotOptimize(ConsentStorage::loadGVL());
+    if (mode == 0) ConsentStorage::saveGVL(gvl);
+    if (mode == 2) {
+      benchmark::DoNotOptimize(ConsentStorage::hasGVL());
+    } else {
+      benchmark::DoNotOptimize(ConsentStorage::loadGVL());
+    }
   }
   Platform::install({});
   std::filesystem::remove_all(directory);
 }
 BENCHMARK(SaveAndLoadVendorList)
-    ->ArgName("loadOnly")
+    ->ArgName("mode")
     ->Arg(0)
     ->Arg(1)
+    ->Arg(2)
     ->Unit(benchmark::kMillisecond);
 
 std::size_t heapInUse() {

@@ -197,9 +197,10 @@ TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
 }
 
 // A document parsed into its own blocks is the document the heap parse gives, for every document
-// above, the real lists (the large one twice: again in the pages the first left) and one with
-// values too large for a block; parts copied out of it outlive it, and grow on another thread
-// while it is read (a data race there is for ThreadSanitizer).
+// above, the real lists (the large one twice: again in the pages the first left), one with values
+// too large for a block and texts that are no object or no JSON, and the check without a document
+// says object exactly when it is one; parts copied out of it outlive it, and grow on another
+// thread while it is read (a data race there is for ThreadSanitizer).
 TEST(Model, ADocumentInBlocksIsTheHeapDocumentAndItsCopiesStandAlone) {
   std::vector<std::string> texts = {testing::testdataText("gvl-v3-106.json"),
                                     testing::testdataText("gvl-v3-106.json"),
@@ -210,14 +211,22 @@ TEST(Model, ADocumentInBlocksIsTheHeapDocumentAndItsCopiesStandAlone) {
   texts.back() += "{}]}";
   for (const auto& [title, body] : testing::cases("model-documents.txt"))
     texts.push_back(body);
+  const std::string deepest = std::string(31, '[') + std::string(31, ']');  // 32 levels in {}
+  texts.insert(texts.end(), {" {\"a\": {}} ", "[{}]", "\"{}\"", "12", "-1.5e3", "true", "null", "",
+                             "{} x", "{}{}", "{\"\xff\": 1}", "{\"a\": 1,}",
+                             "{\"a\": " + deepest + "}", "{\"a\": [" + deepest + "]}"});
   for (const auto& text : texts) {
     const auto heap = Json::parse(text);
     ASSERT_EQ(heap, Json::parseDocument(text)) << text.substr(0, 80);
     // In pieces that split keys, strings, numbers and escapes anywhere.
     Json::DocumentReader reader;
-    for (std::size_t at = 0, length = 1; at < text.size(); at += length, length = length % 7 + 1)
+    Json::ObjectTextCheck check;
+    for (std::size_t at = 0, length = 1; at < text.size(); at += length, length = length % 7 + 1) {
       reader.read(std::string_view(text).substr(at, length));
+      check.read(std::string_view(text).substr(at, length));
+    }
     ASSERT_EQ(heap, reader.finish()) << text.substr(0, 80);
+    ASSERT_EQ(heap && heap->is_object(), check.finish()) << text.substr(0, 80);
   }
   EXPECT_FALSE(Json::parseDocument("{} trailing") || Json::parseDocument("{\"a\": [1, "));
   auto document = std::make_shared<const boost::json::value>(*Json::parseDocument(texts[3]));

@@ -215,6 +215,8 @@ TEST_F(QLTAPIServerTest, UnusableConfigurationsCompleteWithNothing) {
   });
 }
 
+// With a list in memory, a fetch at the stored version still needs a stored list that is an
+// object, and then completes with the one in memory.
 TEST_F(QLTAPIServerTest, InitializeCacheLoadsTheStoredListOnce) {
   const auto load = [] {
     QLTAPIServer::initializeCache();
@@ -224,6 +226,11 @@ TEST_F(QLTAPIServerTest, InitializeCacheLoadsTheStoredListOnce) {
   step("first", load);
   storeGVL(1, R"({"second": 2})");
   step("second: already loaded", load);
+  serveConfig("pub", 1);
+  serveGVL(R"({"served": 1})");
+  step("a fetch at the stored version", [&] { return fetch("pub"); });
+  storeGVL(1, "[1]");
+  step("a fetch when the stored list is no object", [&] { return fetch("pub"); });
   QLTAPIServer::clearCache();
   storeGVL(1, "not json");
   step("not JSON", load);

@@ -178,15 +178,24 @@ void decideAboutGVL(const Services& services, BrandingConfig config,
   const std::int64_t local = store->readInteger(StorageKeys::vendorListVersion);
   const std::int64_t remote = config.vendorListVersion().value_or(0);
   // The stored list only matters when the versions match, or for the log line; parsing it is
-  // the costly part of this step, so it is skipped when neither needs it.
+  // the costly part of this step, so it is skipped when neither needs it. With a list in memory,
+  // which the fallback takes first, the stored one is only checked, not built.
   VendorList stored;
-  if (local == remote || QltLog::enabled()) stored = storedGVL();
+  bool hasLocal = false;
+  if (local == remote || QltLog::enabled()) {
+    if (cachedGVL()) {
+      hasLocal = ConsentStorage::hasGVL();
+    } else {
+      stored = storedGVL();
+      hasLocal = stored != nullptr;
+    }
+  }
   QltLog::d(kTag, [&] {
     return "config fetched. localVendorListVersion=" + std::to_string(local) +
            ", remoteVendorListVersion=" + std::to_string(remote) +
-           ", hasLocalGVL=" + (stored ? "true" : "false");
+           ", hasLocalGVL=" + (hasLocal ? "true" : "false");
   });
-  if (stored && local == remote) {
+  if (hasLocal && local == remote) {
     QltLog::d(kTag, "GVL already cached, will use local");
     completeWithFallback(config, std::move(stored), completion);
     return;

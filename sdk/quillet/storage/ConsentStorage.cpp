@@ -101,18 +101,32 @@ void saveGVL(const boost::json::object& gvl) {
   kv->synchronize();
 }
 
+namespace {
+
+// Hands the stored vendor list's bytes to `reader` as they are read, so that the stored text is
+// never held whole; false when there are none or the reader stopped.
+template <typename Reader>
+bool readStoredGVL(const KeyValueStore& kv, Reader& reader) {
+  return kv.readBytesInPieces(StorageKeys::gvlJson, [&reader](std::span<const std::uint8_t> piece) {
+    return reader.read(std::string_view(reinterpret_cast<const char*>(piece.data()), piece.size()));
+  });
+}
+
+}  // namespace
+
 std::optional<boost::json::object> loadGVL() {
-  // Parsed as it is read, so that the stored text is never held whole.
   const auto kv = store();
   Json::DocumentReader reader(kv->byteCount(StorageKeys::gvlJson).value_or(0));
-  const bool read =
-      kv->readBytesInPieces(StorageKeys::gvlJson, [&reader](std::span<const std::uint8_t> piece) {
-        return reader.read(
-            std::string_view(reinterpret_cast<const char*>(piece.data()), piece.size()));
-      });
+  const bool read = readStoredGVL(*kv, reader);
   auto document = reader.finish();
   if (!read || !document || !document->is_object()) return std::nullopt;
   return std::move(document->get_object());
+}
+
+bool hasGVL() {
+  Json::ObjectTextCheck check;
+  const bool read = readStoredGVL(*store(), check);
+  return check.finish() && read;
 }
 
 std::int64_t getConfigVersion() {
