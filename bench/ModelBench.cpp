@@ -18,6 +18,7 @@
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/PurposeModel.h"
+#include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
@@ -80,6 +81,14 @@ void ModelsFromParsedJson(benchmark::State& state) {
     benchmark::DoNotOptimize(parseAll(document->get_object()));
 }
 BENCHMARK(ModelsFromParsedJson)->Unit(benchmark::kMillisecond);
+
+// What a consent decision and the stores read from the list, read once per start.
+void FactsFromParsedJson(benchmark::State& state) {
+  const auto document = Json::parse(vendorListText());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(VendorList::facts(document->get_object()));
+}
+BENCHMARK(FactsFromParsedJson)->Unit(benchmark::kMillisecond);
 
 // saveGVL (serialise, store, synchronise) and loadGVL (read, parse) through the SQLite store.
 // Argument 0: both, each time; 1: loadGVL alone, of the list saved once (start-up's read); 2:

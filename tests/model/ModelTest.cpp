@@ -96,10 +96,12 @@ std::string selections(const boost::json::object& json) {
 std::string jsonReaders(const boost::json::object& json) {
   std::string out;
   for (const auto& [key, value] : json) {
+    std::vector<std::int64_t> appended{0};
+    Json::appendExactIntegerArray(&value, appended);
     out += std::string(key) + ": exact " + text(Json::exactInteger(&value)) + " truncated " +
            text(Json::truncatedInteger(&value)) + " element " + text(Json::idListElement(&value)) +
-           " array " + text(Json::exactIntegerArray(&value)) + " members " +
-           text(Json::integerMembers(&value)) + "\n";
+           " array " + text(Json::exactIntegerArray(&value)) + " after 0 " + text(appended) +
+           " members " + text(Json::integerMembers(&value)) + "\n";
   }
   return out;
 }

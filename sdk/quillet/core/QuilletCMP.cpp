@@ -184,13 +184,22 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     selection = sortedUnique(std::move(selection));
   }
   std::vector<VendorModel> vendors;
+  // Vendors repeat the same few small purpose ids: each of those is noted once.
   Ids declaredPurposes;
+  std::uint64_t noted = 0;
+  const auto note = [&](std::span<const std::int64_t> ids) {
+    for (const std::int64_t id : ids) {
+      if (id >= 0 && id < 64) {
+        if ((noted >> id & 1U) != 0) continue;
+        noted |= std::uint64_t{1} << id;
+      }
+      declaredPurposes.push_back(id);
+    }
+  };
   for (auto& vendor : parsedVendors) {
     if (!contains(selection, vendor.id())) continue;
-    declaredPurposes.insert(declaredPurposes.end(), vendor.purposes().begin(),
-                            vendor.purposes().end());
-    declaredPurposes.insert(declaredPurposes.end(), vendor.legIntPurposes().begin(),
-                            vendor.legIntPurposes().end());
+    note(vendor.purposes());
+    note(vendor.legIntPurposes());
     vendors.push_back(std::move(vendor));
   }
   declaredPurposes = sortedUnique(std::move(declaredPurposes));

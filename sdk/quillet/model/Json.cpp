@@ -294,16 +294,26 @@ std::vector<std::int64_t> integerMembers(const boost::json::value* value) {
 }
 
 std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value) {
-  const boost::json::array* elements = array(value);
-  if (elements == nullptr) return std::nullopt;
   std::vector<std::int64_t> ids;
-  ids.reserve(elements->size());
+  if (!appendExactIntegerArray(value, ids)) return std::nullopt;
+  return ids;
+}
+
+bool appendExactIntegerArray(const boost::json::value* value, std::vector<std::int64_t>& ids) {
+  const boost::json::array* elements = array(value);
+  if (elements == nullptr) return false;
+  const std::size_t before = ids.size();
+  if (ids.capacity() - before < elements->size())  // grows as push_back would, at most once
+    ids.reserve(std::max(before + elements->size(), 2 * ids.capacity()));
   for (const auto& element : *elements) {
     const auto id = exactInteger(&element);
-    if (!id) return std::nullopt;
+    if (!id) {
+      ids.resize(before);
+      return false;
+    }
     ids.push_back(*id);
   }
-  return ids;
+  return true;
 }
 
 std::optional<boost::json::value> parse(std::string_view text) {

@@ -41,6 +41,8 @@ const boost::json::object* object(const boost::json::value* value) noexcept;
 /// An array whose every element is an exact integer, as a list; absent when the value is not an
 /// array or any one element is not an exact integer (all or nothing).
 std::optional<std::vector<std::int64_t>> exactIntegerArray(const boost::json::value* value);
+/// `exactIntegerArray` appended to `ids`: false, and `ids` as it was, when that is absent.
+bool appendExactIntegerArray(const boost::json::value* value, std::vector<std::int64_t>& ids);
 
 /// The exact-integer elements of an array, in order, skipping every other element; none when the
 /// value is not an array.

@@ -37,13 +37,16 @@ Facts facts(const boost::json::object& gvl) {
     if (!out.declared_.empty() && vendorId == previous) continue;  // "7" and "07"
     previous = vendorId;
     Facts::Declared entry{vendorId, {0, 0}, {-1, -1}};
+    // What `declared` reads, with one look-up of the vendor for both lists.
+    const boost::json::object* vendor =
+        Json::object(Json::member(entries, std::to_string(vendorId)));
     constexpr std::string_view kKeys[] = {"purposes", "legIntPurposes"};
-    for (std::size_t list = 0; list < 2; ++list) {
-      const auto ids = declared(entries, vendorId, kKeys[list]);
-      if (!ids) continue;
-      entry.at[list] = static_cast<std::uint32_t>(out.declaredIds_.size());
-      entry.count[list] = static_cast<std::int32_t>(ids->size());
-      out.declaredIds_.insert(out.declaredIds_.end(), ids->begin(), ids->end());
+    for (std::size_t list = 0; vendor != nullptr && list < 2; ++list) {
+      const std::size_t at = out.declaredIds_.size();
+      if (!Json::appendExactIntegerArray(Json::member(*vendor, kKeys[list]), out.declaredIds_))
+        continue;
+      entry.at[list] = static_cast<std::uint32_t>(at);
+      entry.count[list] = static_cast<std::int32_t>(out.declaredIds_.size() - at);
     }
     out.declared_.push_back(entry);
   }
