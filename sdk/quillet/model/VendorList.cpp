@@ -82,7 +82,11 @@ std::optional<std::span<const std::int64_t>> Facts::declared(std::int64_t vendor
 }
 
 std::int64_t entryId(const boost::json::object& entry, std::string_view key) {
-  if (const auto id = Json::exactInteger(Json::member(entry, "id"))) return *id;
+  return entryId(Json::member(entry, "id"), key);
+}
+
+std::int64_t entryId(const boost::json::value* id, std::string_view key) {
+  if (const auto exact = Json::exactInteger(id)) return *exact;
   return Text::parseInteger(key).value_or(0);
 }
 

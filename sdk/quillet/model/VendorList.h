@@ -58,6 +58,8 @@ Facts facts(const boost::json::object& gvl);
 /// The id of a vendor list entry: its "id" when that is an exact integer, else its member key
 /// read as a decimal integer, else 0.
 std::int64_t entryId(const boost::json::object& entry, std::string_view key);
+/// `entryId` of an entry whose "id" member is `id` (nullptr for none).
+std::int64_t entryId(const boost::json::value* id, std::string_view key);
 
 /// A vendor's declared list `key` ("purposes", "legIntPurposes") from the entry under its
 /// decimal id in `vendors`; nothing when the entry or the key is missing or not all integers.

@@ -15,11 +15,50 @@ namespace {
 
 constexpr std::string_view kTag = "VendorModel";
 
+// The members a vendor's model is read from, found in one pass over its entry rather than a
+// search for each (a list has about a thousand entries of some sixteen members). Keys in a parsed
+// object are unique, so each is the member that a search would find.
+struct VendorMembers {
+  const boost::json::value* id = nullptr;
+  const boost::json::value* name = nullptr;
+  const boost::json::value* policyUrl = nullptr;
+  const boost::json::value* urls = nullptr;
+  const boost::json::value* purposes = nullptr;
+  const boost::json::value* legIntPurposes = nullptr;
+
+  explicit VendorMembers(const boost::json::object& entry) {
+    for (const auto& member : entry) {
+      const std::string_view key = member.key();
+      const boost::json::value* const value = &member.value();
+      switch (key.size()) {
+        case 2:
+          if (key == "id") id = value;
+          break;
+        case 4:
+          if (key == "name") name = value;
+          if (key == "urls") urls = value;
+          break;
+        case 8:
+          if (key == "purposes") purposes = value;
+          break;
+        case 9:
+          if (key == "policyUrl") policyUrl = value;
+          break;
+        case 14:
+          if (key == "legIntPurposes") legIntPurposes = value;
+          break;
+        default:
+          break;
+      }
+    }
+  }
+};
+
 // "policyUrl" when it is a string; else, when "urls" is an array of objects, the first string
 // "privacy" among them.
-std::optional<std::string> policyAddress(const boost::json::object& entry) {
-  if (const auto url = Json::string(Json::member(entry, "policyUrl"))) return std::string(*url);
-  const boost::json::array* urls = Json::array(Json::member(entry, "urls"));
+std::optional<std::string> policyAddress(const VendorMembers& members) {
+  if (const auto url = Json::string(members.policyUrl)) return std::string(*url);
+  const boost::json::array* urls = Json::array(members.urls);
   if (urls == nullptr) return std::nullopt;
   if (!std::all_of(urls->begin(), urls->end(), [](const auto& u) { return u.is_object(); })) {
     return std::nullopt;
@@ -67,10 +106,11 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
   for (const auto& member : *vendors) {
     const boost::json::object* entry = member.value().if_object();
     if (entry == nullptr) continue;
-    const std::int64_t id = VendorList::entryId(*entry, member.key());
+    const VendorMembers members(*entry);
+    const std::int64_t id = VendorList::entryId(members.id, member.key());
     if (!allowed.empty() && !isAllowed(id)) continue;
-    const std::string_view name = Json::string(Json::member(*entry, "name")).value_or("");
-    std::optional<std::string> policyUrl = policyAddress(*entry);
+    const std::string_view name = Json::string(members.name).value_or("");
+    std::optional<std::string> policyUrl = policyAddress(members);
     // "allowed" is whether the selection names the vendor: false for every vendor when there is
     // no selection, although all of them are kept.
     QltLog::d(kTag, [&] {
@@ -78,11 +118,10 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
              ", allowed=" + (isAllowed(id) ? "true" : "false") + ", url=" + policyUrl.value_or("");
     });
     if (name.empty()) continue;
-    parsed.emplace_back(id, std::string(name), std::move(policyUrl),
-                        Json::exactIntegerArray(Json::member(*entry, "purposes"))
-                            .value_or(std::vector<std::int64_t>{}),
-                        Json::exactIntegerArray(Json::member(*entry, "legIntPurposes"))
-                            .value_or(std::vector<std::int64_t>{}));
+    parsed.emplace_back(
+        id, std::string(name), std::move(policyUrl),
+        Json::exactIntegerArray(members.purposes).value_or(std::vector<std::int64_t>{}),
+        Json::exactIntegerArray(members.legIntPurposes).value_or(std::vector<std::int64_t>{}));
   }
   return parsed;
 }
