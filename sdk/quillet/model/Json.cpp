@@ -81,12 +81,6 @@ std::byte* mapLargePages(std::size_t bytes) {
 #endif
 }
 
-void unmapLargePages([[maybe_unused]] std::byte* begin, [[maybe_unused]] std::size_t bytes) {
-#if defined(__linux__)
-  munmap(begin, bytes);
-#endif
-}
-
 // The large pages of the last large document that went, kept for the next: a process that parses
 // its vendor list again (a second start, or a start after the cache was filled) then fills pages
 // that are already there. The system may take them back meanwhile, under memory pressure.
@@ -111,10 +105,10 @@ std::byte* takeLargePages(std::size_t bytes) {
   return mapLargePages(bytes);
 }
 
+// Only pages that mapLargePages gave, which exist only where it could map them.
 void giveBackLargePages(std::byte* begin, std::size_t bytes) {
 #if defined(__linux__)
   madvise(begin, bytes, MADV_FREE);
-#endif
   SpareLargePages& spare = spareLargePages();
   std::byte* older = begin;
   std::size_t olderSize = bytes;
@@ -123,8 +117,50 @@ void giveBackLargePages(std::byte* begin, std::size_t bytes) {
     std::swap(spare.begin, older);
     std::swap(spare.size, olderSize);
   }
-  if (older != nullptr) unmapLargePages(older, olderSize);
+  if (older != nullptr) munmap(older, olderSize);
+#else
+  (void)begin;
+  (void)bytes;
+#endif
 }
+
+// One block of a document's storage, which it frees: heap storage, or large pages handed back.
+class Block {
+ public:
+  Block(std::byte* begin, std::size_t size, bool mapped) noexcept
+      : begin_(begin), size_(size), mapped_(mapped) {}
+  Block(Block&& other) noexcept
+      : begin_(std::exchange(other.begin_, nullptr)), size_(other.size_), mapped_(other.mapped_) {}
+  Block& operator=(Block&& other) noexcept {
+    if (this != &other) {
+      release();
+      begin_ = std::exchange(other.begin_, nullptr);
+      size_ = other.size_;
+      mapped_ = other.mapped_;
+    }
+    return *this;
+  }
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+  ~Block() { release(); }
+
+  std::byte* begin() const noexcept { return begin_; }
+  std::size_t size() const noexcept { return size_; }
+
+ private:
+  void release() noexcept {
+    if (begin_ == nullptr) return;
+    if (mapped_) {
+      giveBackLargePages(begin_, size_);
+    } else {
+      ::operator delete[](begin_);
+    }
+  }
+
+  std::byte* begin_;
+  std::size_t size_;
+  bool mapped_;  // by takeLargePages; else from the heap
+};
 
 // The storage of one parsed document: a bump allocator over blocks while the parser fills it on
 // one thread; once sealed, it hands further allocations to the heap and is safe on any thread.
@@ -145,25 +181,19 @@ class DocumentArena final : public boost::json::memory_resource {
     const std::size_t estimate = std::min(expectedTextBytes, kLargestHint) / 8 * 23;  // 2.875x
     const std::size_t large = estimate / kLargePage * kLargePage;
     if (large == 0) return;
-    blocks_.reserve(1);
-    if (std::byte* begin = takeLargePages(large)) blocks_.push_back(Block{begin, large, true});
+    if (std::byte* begin = takeLargePages(large)) {
+      Block pages(begin, large, true);  // handed back should the insert fail
+      blocks_.push_back(std::move(pages));
+    }
   }
   DocumentArena(const DocumentArena&) = delete;
   DocumentArena& operator=(const DocumentArena&) = delete;
-  ~DocumentArena() override {
-    for (const Block& block : blocks_) {
-      if (block.mapped) {
-        giveBackLargePages(block.begin, block.size);
-      } else {
-        ::operator delete[](block.begin);
-      }
-    }
-  }
+  ~DocumentArena() override = default;
 
   std::size_t blockBytes() const noexcept {
     std::size_t total = 0;
     for (const Block& block : blocks_)
-      total += block.size;
+      total += block.size();
     return total;
   }
 
@@ -171,28 +201,22 @@ class DocumentArena final : public boost::json::memory_resource {
   // blocks and `owns` reads them sorted.
   void seal() {
     std::sort(blocks_.begin(), blocks_.end(),
-              [](const Block& a, const Block& b) { return std::less<>()(a.begin, b.begin); });
+              [](const Block& a, const Block& b) { return std::less<>()(a.begin(), b.begin()); });
     sealed_ = true;
   }
 
  private:
-  struct Block {
-    std::byte* begin;
-    std::size_t size;
-    bool mapped;  // by takeLargePages; else from the heap
-  };
-
   void* do_allocate(std::size_t bytes, std::size_t alignment) override {
     if (sealed_) return ::operator new(bytes, std::align_val_t(alignment));
     std::size_t at = (used_ + alignment - 1) & ~(alignment - 1);
-    if (blocks_.empty() || at + bytes > blocks_.back().size) {
+    if (blocks_.empty() || at + bytes > blocks_.back().size()) {
       // A large value gets a block of its own, so that the current block's room is not lost.
       if (bytes > kBlockSize / 4) return add(bytes, false);
       add(kBlockSize, true);
       at = 0;
     }
     used_ = at + bytes;
-    return blocks_.back().begin + at;
+    return blocks_.back().begin() + at;
   }
 
   void do_deallocate(void* pointer, std::size_t /*bytes*/, std::size_t alignment) override {
@@ -204,15 +228,14 @@ class DocumentArena final : public boost::json::memory_resource {
 
   // A new block; the current one (the last) stays current unless `current`.
   std::byte* add(std::size_t size, bool current) {
-    blocks_.reserve(blocks_.size() + 1);  // so that the block cannot be lost to a failed insert
     // Block storage is aligned for any fundamental type, which is all that values ask for.
-    auto* const begin = static_cast<std::byte*>(::operator new[](size));
-    const Block block{begin, size, false};
+    Block block(static_cast<std::byte*>(::operator new[](size)), size, false);
+    std::byte* const begin = block.begin();
     if (current || blocks_.empty()) {
-      blocks_.push_back(block);
+      blocks_.push_back(std::move(block));
       used_ = current ? 0 : size;
     } else {
-      blocks_.insert(blocks_.end() - 1, block);
+      blocks_.insert(blocks_.end() - 1, std::move(block));
     }
     return begin;
   }
@@ -221,15 +244,15 @@ class DocumentArena final : public boost::json::memory_resource {
     const std::less<> before;
     if (!sealed_) {
       return std::any_of(blocks_.begin(), blocks_.end(), [&](const Block& block) {
-        return !before(pointer, block.begin) && before(pointer, block.begin + block.size);
+        return !before(pointer, block.begin()) && before(pointer, block.begin() + block.size());
       });
     }
     auto next = std::upper_bound(
         blocks_.begin(), blocks_.end(), pointer,
-        [&](const std::byte* p, const Block& block) { return before(p, block.begin); });
+        [&](const std::byte* p, const Block& block) { return before(p, block.begin()); });
     if (next == blocks_.begin()) return false;
     --next;
-    return before(pointer, next->begin + next->size);
+    return before(pointer, next->begin() + next->size());
   }
 
   std::vector<Block> blocks_;
