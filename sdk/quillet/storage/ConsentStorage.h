@@ -33,7 +33,7 @@ QUILLET_EXPORT void saveGVL(const boost::json::object& gvl);
 /// object.
 QUILLET_EXPORT std::optional<boost::json::object> loadGVL();
 /// Whether `loadGVL` would give a vendor list, found without building it: a quarter of the time.
-bool hasGVL();
+QUILLET_EXPORT bool hasGVL();
 
 QUILLET_EXPORT std::int64_t getConfigVersion();
 QUILLET_EXPORT void setConfigVersion(std::int64_t version);
