@@ -393,7 +393,7 @@ namespace {
 
 // The events of a parse with nothing built; the limits are those of the document model, so that
 // a text passes exactly when a parse into values would succeed.
-struct KindOfTopValue {
+struct TopValueIsObject {
   static constexpr std::size_t max_object_size = boost::json::object::max_size();
   static constexpr std::size_t max_array_size = boost::json::array::max_size();
   static constexpr std::size_t max_key_size = boost::json::string::max_size();
@@ -401,33 +401,28 @@ struct KindOfTopValue {
   using error_code = boost::json::error_code;
   using string_view = boost::json::string_view;
 
-  std::optional<boost::json::kind> top;  // the first value's kind, once it has begun
+  std::optional<bool> object;  // whether the first value to begin is an object
 
-  bool seen(boost::json::kind kind) {
-    if (!top) top = kind;
+  bool begun(bool isObject) {
+    if (!object) object = isObject;
     return true;
   }
   bool on_document_begin(error_code&) { return true; }
   bool on_document_end(error_code&) { return true; }
-  bool on_object_begin(error_code&) { return seen(boost::json::kind::object); }
+  bool on_object_begin(error_code&) { return begun(true); }
   bool on_object_end(std::size_t, error_code&) { return true; }
-  bool on_array_begin(error_code&) { return seen(boost::json::kind::array); }
+  bool on_array_begin(error_code&) { return begun(false); }
   bool on_array_end(std::size_t, error_code&) { return true; }
   bool on_key_part(string_view, std::size_t, error_code&) { return true; }
   bool on_key(string_view, std::size_t, error_code&) { return true; }
-  bool on_string_part(string_view, std::size_t, error_code&) {
-    return seen(boost::json::kind::string);
-  }
-  bool on_string(string_view, std::size_t, error_code&) { return seen(boost::json::kind::string); }
-  // Any number: the check only tells objects from the rest.
-  bool on_number_part(string_view, error_code&) { return seen(boost::json::kind::double_); }
-  bool on_int64(std::int64_t, string_view, error_code&) { return seen(boost::json::kind::int64); }
-  bool on_uint64(std::uint64_t, string_view, error_code&) {
-    return seen(boost::json::kind::uint64);
-  }
-  bool on_double(double, string_view, error_code&) { return seen(boost::json::kind::double_); }
-  bool on_bool(bool, error_code&) { return seen(boost::json::kind::bool_); }
-  bool on_null(error_code&) { return seen(boost::json::kind::null); }
+  bool on_string_part(string_view, std::size_t, error_code&) { return begun(false); }
+  bool on_string(string_view, std::size_t, error_code&) { return begun(false); }
+  bool on_number_part(string_view, error_code&) { return begun(false); }
+  bool on_int64(std::int64_t, string_view, error_code&) { return begun(false); }
+  bool on_uint64(std::uint64_t, string_view, error_code&) { return begun(false); }
+  bool on_double(double, string_view, error_code&) { return begun(false); }
+  bool on_bool(bool, error_code&) { return begun(false); }
+  bool on_null(error_code&) { return begun(false); }
   bool on_comment_part(string_view, error_code&) { return true; }
   bool on_comment(string_view, error_code&) { return true; }
 };
@@ -436,7 +431,7 @@ struct KindOfTopValue {
 
 struct ObjectTextCheck::State {
   // The options of `DocumentReader`'s parser, which takes the defaults.
-  boost::json::basic_parser<KindOfTopValue> parser{boost::json::parse_options{}};
+  boost::json::basic_parser<TopValueIsObject> parser{boost::json::parse_options{}};
   bool failed = false;
 };
 
@@ -457,7 +452,7 @@ bool ObjectTextCheck::finish() {
   if (!state_->failed) {
     boost::system::error_code error;
     state_->parser.write_some(false, nullptr, 0, error);
-    object = !error && state_->parser.handler().top == boost::json::kind::object;
+    object = !error && state_->parser.handler().object.value_or(false);
   }
   state_->failed = true;
   return object;
