@@ -205,6 +205,60 @@ TEST_P(Stores, ConsentStorageWalk) {
   EXPECT_TRUE(testing::matchesGolden("consent-storage.txt", all));
 }
 
+// The stored list is read again only when its bytes may have changed since it was last found, or
+// when the store is another one.
+TEST_P(Stores, TheStoredListIsReadAgainOnlyAfterItMayHaveChanged) {
+  auto counted = std::make_shared<testing::CountingStore>(store_);
+  Platform::install({.keyValueStore = counted});
+  const auto storeText = [this](std::string_view text) {
+    store_->set(StorageKeys::gvlJson, Bytes(text.begin(), text.end()));
+  };
+  struct Row {
+    std::string step;
+    std::function<void()> action;
+    bool found;
+    bool read;
+  };
+  std::vector<Row> rows = {
+      {"nothing stored", [] {}, false, true},
+      {"an object stored", [&] { storeText("{}"); }, true, true},
+      {"asked again", [] {}, true, false},
+      {"another key written", [&] { store_->set(StorageKeys::consent, true); }, true, false},
+      {"an array stored", [&] { storeText("[]"); }, false, true},
+      {"asked again after no list was found", [] {}, false, true},
+      {"an object loaded whole",
+       [&] {
+         storeText("{\"a\":1}");
+         ASSERT_TRUE(ConsentStorage::loadGVL());
+       },
+       true, false},
+      {"the list removed", [&] { store_->remove(StorageKeys::gvlJson); }, false, true},
+      {"an object stored again", [&] { storeText("{}"); }, true, true},
+      {"another store object",
+       [&] {
+         reopen();
+         counted = std::make_shared<testing::CountingStore>(store_);
+         Platform::install({.keyValueStore = counted});
+       },
+       true, true}};
+  if (GetParam() == "sqlite") {
+    rows.push_back({"another connection stored an array",
+                    [&] {
+                      auto other = SqliteKeyValueStore::open(directory_ / "store.sqlite");
+                      ASSERT_TRUE(other) << other.error();
+                      other.value()->set(StorageKeys::gvlJson, Bytes{'[', ']'});
+                    },
+                    false, true});
+  }
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.step);
+    row.action();
+    counted->piecewiseReads = 0;
+    EXPECT_EQ(ConsentStorage::hasGVL(), row.found);
+    EXPECT_EQ(counted->piecewiseReads > 0, row.read);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, Stores, ::testing::Values("memory", "sqlite"),
                          [](const auto& info) { return info.param; });
 

@@ -105,7 +105,7 @@ class TempDirectory {
   std::filesystem::path path_;
 };
 
-/// Another store, with the requests to persist counted.
+/// Another store, with the requests to persist and the piecewise reads counted.
 class CountingStore final : public KeyValueStore {
  public:
   explicit CountingStore(std::shared_ptr<KeyValueStore> inner) : inner_(std::move(inner)) {}
@@ -113,8 +113,20 @@ class CountingStore final : public KeyValueStore {
   void set(std::string_view key, StoreValue value) override { inner_->set(key, std::move(value)); }
   void remove(std::string_view key) override { inner_->remove(key); }
   bool synchronize() override { return ++synchronized, inner_->synchronize(); }
+  bool readBytesInPieces(
+      std::string_view key,
+      const std::function<bool(std::span<const std::uint8_t>)>& sink) const override {
+    return ++piecewiseReads, inner_->readBytesInPieces(key, sink);
+  }
+  std::optional<std::size_t> byteCount(std::string_view key) const override {
+    return inner_->byteCount(key);
+  }
+  std::optional<std::uint64_t> revision(std::string_view key) const override {
+    return inner_->revision(key);
+  }
 
   int synchronized = 0;
+  mutable int piecewiseReads = 0;
 
  private:
   std::shared_ptr<KeyValueStore> inner_;

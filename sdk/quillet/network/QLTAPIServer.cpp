@@ -179,7 +179,8 @@ void decideAboutGVL(const Services& services, BrandingConfig config,
   const std::int64_t remote = config.vendorListVersion().value_or(0);
   // The stored list only matters when the versions match, or for the log line; parsing it is
   // the costly part of this step, so it is skipped when neither needs it. With a list in memory,
-  // which the fallback takes first, the stored one is only checked, not built.
+  // which the fallback takes first, the stored one is only checked, not built; and not read
+  // at all when the store tells that it is unchanged since it was last found.
   VendorList stored;
   bool hasLocal = false;
   if (local == remote || QltLog::enabled()) {

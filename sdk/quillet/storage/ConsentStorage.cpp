@@ -112,21 +112,56 @@ bool readStoredGVL(const KeyValueStore& kv, Reader& reader) {
   });
 }
 
+// The store, and its revision of the vendor list, at which the stored bytes last read as a JSON
+// object. Only that verdict is kept: a failed read may not be the bytes' fault.
+struct FoundList {
+  std::mutex mutex;
+  std::weak_ptr<const KeyValueStore> store;
+  std::uint64_t revision = 0;
+};
+
+FoundList& foundList() {
+  static FoundList* const instance = new FoundList();
+  return *instance;
+}
+
+bool listFoundAt(const std::shared_ptr<const KeyValueStore>& kv, std::uint64_t revision) {
+  FoundList& found = foundList();
+  std::lock_guard lock(found.mutex);
+  return found.revision == revision && found.store.lock() == kv;
+}
+
+void noteListFoundAt(const std::shared_ptr<const KeyValueStore>& kv,
+                     std::optional<std::uint64_t> revision) {
+  if (!revision) return;
+  FoundList& found = foundList();
+  std::lock_guard lock(found.mutex);
+  found.store = kv;
+  found.revision = *revision;
+}
+
 }  // namespace
 
 std::optional<boost::json::object> loadGVL() {
   const auto kv = store();
+  const auto revision = kv->revision(StorageKeys::gvlJson);  // asked first: see `revision`
   Json::DocumentReader reader(kv->byteCount(StorageKeys::gvlJson).value_or(0));
   const bool read = readStoredGVL(*kv, reader);
   auto document = reader.finish();
   if (!read || !document || !document->is_object()) return std::nullopt;
+  noteListFoundAt(kv, revision);
   return std::move(document->get_object());
 }
 
 bool hasGVL() {
+  const auto kv = store();
+  const auto revision = kv->revision(StorageKeys::gvlJson);
+  if (revision && listFoundAt(kv, *revision)) return true;
   Json::ObjectTextCheck check;
-  const bool read = readStoredGVL(*store(), check);
-  return check.finish() && read;
+  const bool read = readStoredGVL(*kv, check);
+  if (!check.finish() || !read) return false;
+  noteListFoundAt(kv, revision);
+  return true;
 }
 
 std::int64_t getConfigVersion() {

@@ -12,8 +12,8 @@
 
 /// What survives a restart of the host application: the consent flag, the last TC String, the
 /// cached vendor list, and the configuration and vendor list versions. Static operations over
-/// the process-wide key-value store, with no cache of their own; safe from any thread. No
-/// operation reports an error: wrongly typed values read as absent, 0 or false.
+/// the process-wide key-value store, which cache no values; safe from any thread. No operation
+/// reports an error: wrongly typed values read as absent, 0 or false.
 namespace quillet::ConsentStorage {
 
 /// The store the library uses: the installed platform's, or else the SQLite store at its default
@@ -33,6 +33,8 @@ QUILLET_EXPORT void saveGVL(const boost::json::object& gvl);
 /// object.
 QUILLET_EXPORT std::optional<boost::json::object> loadGVL();
 /// Whether `loadGVL` would give a vendor list, found without building it: a quarter of the time.
+/// Found without reading at all when the store's `revision` of the list is the one at which
+/// `loadGVL` or `hasGVL` last found a list in this process.
 QUILLET_EXPORT bool hasGVL();
 
 QUILLET_EXPORT std::int64_t getConfigVersion();

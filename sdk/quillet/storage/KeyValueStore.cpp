@@ -81,6 +81,10 @@ std::optional<std::size_t> KeyValueStore::byteCount(std::string_view /*key*/) co
   return std::nullopt;
 }
 
+std::optional<std::uint64_t> KeyValueStore::revision(std::string_view /*key*/) const {
+  return std::nullopt;
+}
+
 std::optional<StoreValue::Dictionary> KeyValueStore::readDictionary(std::string_view key) const {
   auto value = get(key);
   if (!value) return std::nullopt;

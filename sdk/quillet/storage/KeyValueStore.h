@@ -39,6 +39,12 @@ class QUILLET_EXPORT KeyValueStore {
   /// nothing; a hint for sizing, which a later read need not match. The default tells nothing.
   virtual std::optional<std::size_t> byteCount(std::string_view key) const;
 
+  /// A number that is the same for two calls only when the value under `key` did not change in
+  /// between, whoever wrote it; nothing when the store cannot tell. Lets a reader skip reading a
+  /// large value again. Ask before reading the value: a write racing the read then shows as a
+  /// change at the next call. The default tells nothing.
+  virtual std::optional<std::uint64_t> revision(std::string_view key) const;
+
   // Typed readers with the platform store's conversions.
 
   /// True for a stored true, a non-zero number, or the text "true", "YES" or "1" in any case.

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <variant>
 
 #include <pwd.h>
@@ -196,6 +197,15 @@ struct SqliteKeyValueStore::Connection {
   Statement upsert;
   Statement erase;
   Statement touch;
+  Statement dataVersion;
+  // Revisions: each of this connection's writes takes the next number for its key; a change by
+  // another connection, seen as a new data version, takes the next number for every key.
+  std::uint64_t writes = 0;
+  std::uint64_t foreignChange = 0;
+  std::optional<std::int64_t> seenDataVersion;
+  std::map<std::string, std::uint64_t, std::less<>> written;
+
+  void wrote(std::string_view key) { written.insert_or_assign(std::string(key), ++writes); }
 };
 
 std::filesystem::path SqliteKeyValueStore::defaultPath() {
@@ -262,7 +272,8 @@ Result<std::shared_ptr<SqliteKeyValueStore>> SqliteKeyValueStore::open(
           {"DELETE FROM kv WHERE key = ?1", &connection->erase},
           {"INSERT INTO sync (id, generation) VALUES (1, 1) ON CONFLICT (id) DO UPDATE SET "
            "generation = generation + 1",
-           &connection->touch}}) {
+           &connection->touch},
+          {"PRAGMA data_version", &connection->dataVersion}}) {
       if (const int code = prepare(sql, *statement); code != SQLITE_OK) {
         return Failure{"cannot prepare the store at " + path.string() + ": " + describe(db, code)};
       }
@@ -380,6 +391,7 @@ void SqliteKeyValueStore::set(std::string_view key, StoreValue value) {
     }
     sqlite3_reset(upsert);
     sqlite3_clear_bindings(upsert);
+    connection_->wrote(key);
   }
   if (!problem.empty()) QltLog::e(kTag, problem);
 }
@@ -396,6 +408,7 @@ void SqliteKeyValueStore::remove(std::string_view key) {
     }
     sqlite3_reset(erase);
     sqlite3_clear_bindings(erase);
+    connection_->wrote(key);
   }
   if (!problem.empty()) QltLog::e(kTag, problem);
 }
@@ -443,6 +456,22 @@ std::optional<std::size_t> SqliteKeyValueStore::byteCount(std::string_view key) 
   std::lock_guard lock(mutex_);
   const auto place = placeOfBlob(connection_->placeOfBlob.get(), key);
   return place ? std::optional(place->size) : std::nullopt;
+}
+
+std::optional<std::uint64_t> SqliteKeyValueStore::revision(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  Connection& c = *connection_;
+  sqlite3_stmt* ask = c.dataVersion.get();
+  std::optional<std::int64_t> version;
+  if (sqlite3_step(ask) == SQLITE_ROW) version = sqlite3_column_int64(ask, 0);
+  sqlite3_reset(ask);
+  if (!version) return std::nullopt;
+  if (version != c.seenDataVersion) {
+    c.seenDataVersion = version;
+    c.foreignChange = ++c.writes;
+  }
+  const auto found = c.written.find(key);
+  return std::max(c.foreignChange, found == c.written.end() ? 0 : found->second);
 }
 
 bool SqliteKeyValueStore::synchronize() {

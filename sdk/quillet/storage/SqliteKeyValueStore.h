@@ -48,6 +48,9 @@ class QUILLET_EXPORT SqliteKeyValueStore final : public KeyValueStore {
       const std::function<bool(std::span<const std::uint8_t>)>& sink) const override;
 
   std::optional<std::size_t> byteCount(std::string_view key) const override;
+  /// Changes with every write to `key` through this object, and for every key after any other
+  /// connection (here or in another process) wrote to the file.
+  std::optional<std::uint64_t> revision(std::string_view key) const override;
 
   const std::filesystem::path& path() const noexcept { return path_; }
 
