@@ -156,6 +156,9 @@ void downloadGVL(const Services& services,
           QltLog::d(kTag, "Parsed GVL JSON successfully");
           gvl = std::make_shared<const boost::json::object>(std::move(root));
         }
+        // What is left of the document lets go of its storage before the list is shared, so that
+        // the list's last owner frees that storage whole, on one thread.
+        document.reset();
         setCachedGVL(gvl);
         completion(std::move(gvl), std::move(data));
       });
