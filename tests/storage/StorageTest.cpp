@@ -195,7 +195,8 @@ TEST_P(Stores, ConsentStorageWalk) {
   step("text, not bytes", [&] { store_->set(StorageKeys::gvlJson, "{}"); });
   step("everything", [&] {
     ConsentStorage::saveConsent(true, "CQ");
-    ConsentStorage::saveGVL(boost::json::object{{"vendorListVersion", 106}});
+    ConsentStorage::saveGVL(
+        boost::json::object{{"vendorListVersion", 106}, {"stacks", boost::json::object{{"1", 2}}}});
     ConsentStorage::setConfigVersion(7);
     ConsentStorage::setVendorListVersion(106);
     store_->set(StorageKeys::deviceId, "8E3B6C5E-0000-4000-8000-000000000000");
@@ -264,6 +265,9 @@ TEST(StoreValueCodec, DecodesOnlyWholeValues) {
   }
   bytes.push_back(0);
   EXPECT_EQ(storeValueCodec::decode(bytes), std::nullopt);
+  Bytes two = storeValueCodec::encode(true);  // a flag is 0 or 1
+  two.back() = 2;
+  EXPECT_EQ(storeValueCodec::decode(two), std::nullopt);
   // Dictionaries nested 64 deep are read; one more level is refused.
   StoreValue nested = true;
   for (int depth = 1; depth <= 65; ++depth) {
