@@ -380,6 +380,7 @@ TEST(SqliteKeyValueStore, BytesSpanningPagesAreReadWholeOrInPiecesAndAMismatched
   EXPECT_EQ(inPieces("none", 100), std::pair(true, std::vector<Bytes>{Bytes{}}));
   EXPECT_EQ(inPieces("missing", 100), std::pair(false, std::vector<Bytes>{}));
   EXPECT_FALSE(inPieces("text", 100).first);
+  store->remove("number");  // a removal that works logs nothing
   EXPECT_THAT(log.lines(),
               ::testing::ElementsAre(
                   "[ERROR] [QLT-CMP:KeyValueStore] the value under \"text\" is damaged",
