@@ -171,19 +171,21 @@ void QuilletCMP::fetch(std::function<void()> continuation) {
 void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
                                     const std::shared_ptr<const boost::json::object>& gvl) {
   if (!config || !gvl) return;
-  std::vector<PurposeModel> parsedPurposes = PurposeModel::parse(*gvl);
-  std::vector<VendorModel> parsedVendors = VendorModel::parse(*gvl, *config);
+  std::vector<PurposeModel> purposes = PurposeModel::parse(*gvl);
+  std::vector<VendorModel> vendors = VendorModel::parse(*gvl, *config);
 
   // The selection: the configuration's list when it has one, else every parsed vendor.
   Ids selection;
   if (config->selectedVendorIds()) {
     selection = sortedUnique(*config->selectedVendorIds());
   } else {
-    for (const auto& vendor : parsedVendors)
+    for (const auto& vendor : vendors)
       selection.push_back(vendor.id());
     selection = sortedUnique(std::move(selection));
   }
-  std::vector<VendorModel> vendors;
+  // The vendors outside the selection go; the others stay where they are, in order.
+  std::erase_if(vendors,
+                [&](const VendorModel& vendor) { return !contains(selection, vendor.id()); });
   // Vendors repeat the same few small purpose ids: each of those is noted once.
   Ids declaredPurposes;
   std::uint64_t noted = 0;
@@ -196,17 +198,14 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
       declaredPurposes.push_back(id);
     }
   };
-  for (auto& vendor : parsedVendors) {
-    if (!contains(selection, vendor.id())) continue;
+  for (const auto& vendor : vendors) {
     note(vendor.purposes());
     note(vendor.legIntPurposes());
-    vendors.push_back(std::move(vendor));
   }
   declaredPurposes = sortedUnique(std::move(declaredPurposes));
-  std::vector<PurposeModel> purposes;
-  for (auto& purpose : parsedPurposes) {
-    if (contains(declaredPurposes, purpose.id())) purposes.push_back(std::move(purpose));
-  }
+  std::erase_if(purposes, [&](const PurposeModel& purpose) {
+    return !contains(declaredPurposes, purpose.id());
+  });
 
   auto loaded = std::make_shared<Loaded>(std::move(*config));
   loaded->rawVendors = VendorList::entriesOf(gvl, vendors);
