@@ -292,16 +292,21 @@ TEST_F(Facade, TheRealVendorListsBannerAndStrings) {
   initialize(3);
   EXPECT_TRUE(testing::matchesGolden("demo-banner.html", host_->presented()[0].screen->document()));
   std::string strings;
-  for (const auto& [config, action] :
-       {std::pair{R"({"vendorListVersion": 106, "publisherCC": "fr"})", ConsentAction::acceptAll()},
+  // Each configuration, the decision, and how many vendors the facade then shows.
+  for (const auto& [config, action, shown] :
+       {std::tuple{R"({"vendorListVersion": 106, "publisherCC": "fr"})", ConsentAction::acceptAll(),
+                   987U},
         {R"({"vendorListVersion": 106, "selectedVendorIds": [1, 8, 755, 999999]})",
-         ConsentAction::acceptAll()},
-        {R"({"vendorListVersion": 106})", ConsentAction::rejectAll()}}) {
+         ConsentAction::acceptAll(), 3U},
+        {R"({"vendorListVersion": 106})", ConsentAction::rejectAll(), 987U},
+        {R"({"vendorListVersion": 106, "selectedVendorIds": []})", ConsentAction::acceptAll(),
+         0U}}) {
     server_.reply("pub/banner_config.json", Reply{.body = config});
     QLTAPIServer::clearCache();
     facade_ = QuilletCMP::create();
     facade_->initialize("pub");
     EXPECT_TRUE(facade_->ensureConfigLoaded());
+    EXPECT_EQ(facade_->vendors().size(), shown) << config;
     facade_->handleConsentAction(action);
     strings +=
         std::string(config) + "\n" + store_->readString(StorageKeys::tcString).value() + "\n";

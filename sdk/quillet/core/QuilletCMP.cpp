@@ -174,18 +174,11 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   std::vector<PurposeModel> purposes = PurposeModel::parse(*gvl);
   std::vector<VendorModel> vendors = VendorModel::parse(*gvl, *config);
 
-  // The selection: the configuration's list when it has one, else every parsed vendor.
-  Ids selection;
-  if (config->selectedVendorIds()) {
-    selection = sortedUnique(*config->selectedVendorIds());
-  } else {
-    for (const auto& vendor : vendors)
-      selection.push_back(vendor.id());
-    selection = sortedUnique(std::move(selection));
+  // Parsing keeps only the vendors the configuration selects, or all of them when it names none;
+  // an empty selection selects none.
+  if (const auto& selected = config->selectedVendorIds(); selected && selected->empty()) {
+    vendors.clear();
   }
-  // The vendors outside the selection go; the others stay where they are, in order.
-  std::erase_if(vendors,
-                [&](const VendorModel& vendor) { return !contains(selection, vendor.id()); });
   // Vendors repeat the same few small purpose ids: each of those is noted once.
   Ids declaredPurposes;
   std::uint64_t noted = 0;
