@@ -141,8 +141,14 @@ std::optional<EncodeRequest> readRequest(const boost::json::object& object,
     refusal = Refusal{"gvlVendorIds must list the vendor list's vendor ids"};
     return std::nullopt;
   }
-  if (*std::max_element(in.gvlVendorIds.begin(), in.gvlVendorIds.end()) <= 0) {
+  const std::int64_t largest = *std::max_element(in.gvlVendorIds.begin(), in.gvlVendorIds.end());
+  if (largest <= 0) {
     refusal = Refusal{"gvlVendorIds must hold a positive vendor id"};
+    return std::nullopt;
+  }
+  if (largest > QLTCMPUtils::kLargestEncodableVendorId) {
+    refusal = Refusal{"gvlVendorIds must hold no vendor id above " +
+                      std::to_string(QLTCMPUtils::kLargestEncodableVendorId)};
     return std::nullopt;
   }
   return request;
@@ -204,6 +210,7 @@ std::vector<std::string> warningsFor(const EncodeRequest& request) {
   width("consentScreen", in.consentScreen, 6);
   width("vendorListVersion", in.vendorListVersion, 12);
   width("policyVersion", in.policyVersion, 6);
+  width("MaxVendorId", maxVendorId, 16);
 
   // The encoder writes one 6-bit field per byte of the first two characters, upper-cased.
   const auto code = [&](std::string_view name, const std::string& text) {

@@ -255,6 +255,10 @@ TEST_F(CodecDeathTest, StopsOnBrokenCallerContracts) {
   EXPECT_DEATH(encode({.gvlVendorIds = {0}}), "MaxVendorId 0");
   EXPECT_DEATH(encode({}), "MaxVendorId 0");
   EXPECT_DEATH(encode({.gvlVendorIds = {-7, -2}}), "negative largest vendor id");
+  // The largest id taken sets both sections' length: 259 bits and two of 16,777,215.
+  constexpr auto kLargest = QLTCMPUtils::kLargestEncodableVendorId;
+  EXPECT_EQ(QLTCMPUtils::encodeTCString({.gvlVendorIds = {kLargest}}, kClock).size(), 5592450U);
+  EXPECT_DEATH(encode({.gvlVendorIds = {3, kLargest + 1}}), "vendor id 16777216 is above");
   const Ids none, negative{-3};
   EXPECT_DEATH((void)QLTCMPUtils::encodeDisclosedVendorsSegment(none, none), "MaxVendorId 0");
   EXPECT_DEATH((void)QLTCMPUtils::encodeDisclosedVendorsSegment(none, negative),

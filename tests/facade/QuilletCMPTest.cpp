@@ -241,6 +241,13 @@ TEST_F(Facade, WithoutAConfigurationNothingHappens) {
     EXPECT_EQ(facade_->makeTCStringRejectAll(), std::nullopt);
     EXPECT_FALSE(facade_->isConfigLoaded());
   });
+  server_.reply("gvl.json", Reply{.body = R"({"vendors": {"65536": {"name": "V"}}})"});
+  step("the reject-all string for a list whose vendor ids no string can name", 2, [&] {
+    EXPECT_EQ(facade_->makeTCStringRejectAll(), std::nullopt);
+    EXPECT_FALSE(facade_->isConfigLoaded());
+    store_->remove(StorageKeys::gvlJson);
+    QLTAPIServer::clearCache();
+  });
   server_.reply("gvl.json", Reply{.body = testing::smallVendorList()});
   step("show the banner once the list can be had", 2, [&] {
     facade_->showBanner(false);

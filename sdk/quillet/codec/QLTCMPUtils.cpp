@@ -20,7 +20,6 @@ namespace {
 constexpr std::string_view kTag = "QLTCMPUtils";
 constexpr int kSpecialFeatureCount = 12;
 constexpr int kPurposeCount = 24;
-constexpr std::int64_t kMaxVendorId = 65535;    // vendor ids are 16-bit fields
 constexpr std::size_t kMaxRangeEntries = 4095;  // NumEntries is a 12-bit field
 
 // Deciseconds since 1970, truncated toward zero; a clock before 1970 reads as 0.
@@ -86,11 +85,16 @@ void writeBitField(BitWriter& writer, std::span<const std::int64_t> ids, std::in
   writer.write(words[wordCount - 1] >> (64 - rest), rest);
 }
 
-// M: the largest vendor-list id, 0 for none. A negative one stops the process.
+// M: the largest vendor-list id, 0 for none. A negative one, or one above the largest the
+// encoders take, stops the process.
 std::int64_t maxVendorId(std::span<const std::int64_t> gvlVendorIds, std::string_view caller) {
   if (gvlVendorIds.empty()) return 0;
   const std::int64_t largest = *std::max_element(gvlVendorIds.begin(), gvlVendorIds.end());
   if (largest < 0) fatalError(std::string(caller) + ": negative largest vendor id");
+  if (largest > kLargestEncodableVendorId) {
+    fatalError(std::string(caller) + ": largest vendor id " + std::to_string(largest) +
+               " is above " + std::to_string(kLargestEncodableVendorId));
+  }
   return largest;
 }
 
@@ -191,7 +195,7 @@ std::string encodeDisclosedVendors(std::span<const std::int64_t> disclosedVendor
   std::vector<std::int64_t> ids;
   ids.reserve(disclosedVendorIds.size());
   for (const std::int64_t id : disclosedVendorIds) {
-    if (id >= 1 && id <= kMaxVendorId) ids.push_back(id);
+    if (id >= 1 && id <= kLargestVendorId) ids.push_back(id);
   }
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());

@@ -25,7 +25,8 @@ struct QUILLET_EXPORT TCStringInput {
   std::vector<std::int64_t> specialFeatureOptins;
   std::vector<std::int64_t> vendorConsents;
   std::vector<std::int64_t> vendorLegitimateInterests;
-  /// All vendor ids of the vendor list in use; only the largest matters. Must hold a positive id.
+  /// All vendor ids of the vendor list in use; only the largest matters. Must hold a positive id
+  /// of at most `kLargestEncodableVendorId`.
   std::vector<std::int64_t> gvlVendorIds;
   std::int64_t cmpId = 471;
   std::int64_t cmpVersion = 1;
@@ -47,7 +48,8 @@ struct QUILLET_EXPORT TCStringInput {
 /// outside a section are ignored.
 ///
 /// Stops the process when an integer field is negative, a code holds a byte below "A" after
-/// upper-casing, or the largest `gvlVendorIds` element is not positive.
+/// upper-casing, or the largest `gvlVendorIds` element is not positive or is above
+/// `kLargestEncodableVendorId`.
 QUILLET_EXPORT std::string encodeTCString(const TCStringInput& input,
                                           const Clock& clock = systemClock());
 
@@ -60,7 +62,7 @@ QUILLET_EXPORT std::string encodeTCString(std::span<const std::int64_t> purposes
 
 /// The vendor segment (segment type 2, a bit field over 1...M of `allowedVendorIds`) as unpadded
 /// base64url, without a separator. Stops the process when the largest `gvlVendorIds` element is
-/// not positive.
+/// not positive or is above `kLargestEncodableVendorId`.
 QUILLET_EXPORT std::string encodeDisclosedVendorsSegment(
     std::span<const std::int64_t> allowedVendorIds, std::span<const std::int64_t> gvlVendorIds);
 
@@ -68,6 +70,17 @@ QUILLET_EXPORT std::string encodeDisclosedVendorsSegment(
 /// order, repeats allowed; ids outside 1...65535 are left out), as unpadded base64url without a
 /// separator: a bit field over 1...the largest id, or range entries where they take fewer bits.
 QUILLET_EXPORT std::string encodeDisclosedVendors(std::span<const std::int64_t> disclosedVendorIds);
+
+/// The largest vendor id a TC String can name: MaxVendorId has 16 bits. A string written for a
+/// larger largest id holds only that id's low 16 bits there, so that readers take the vendor
+/// sections for shorter than they are (and a multiple of 65,536 reads as no vendors at all).
+inline constexpr std::int64_t kLargestVendorId = 65535;
+
+/// The largest vendor-list id the encoders take. Both vendor sections hold a bit for every id up
+/// to the largest, so that id sets the string's length: 16,777,215 gives strings of about 5.6 MB.
+/// A larger one would take memory out of all proportion.
+inline constexpr std::int64_t kLargestEncodableVendorId = (std::int64_t{1} << 24) - 1;
+
 /// Whether a consent language or publisher country code can be written without stopping the
 /// process: every UTF-8 byte of its upper-cased first two characters is at least "A".
 QUILLET_EXPORT bool isEncodableCode(std::string_view code);

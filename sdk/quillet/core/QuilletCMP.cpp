@@ -171,6 +171,16 @@ void QuilletCMP::fetch(std::function<void()> continuation) {
 void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
                                     const std::shared_ptr<const boost::json::object>& gvl) {
   if (!config || !gvl) return;
+  VendorList::Facts facts = VendorList::facts(*gvl);
+  if (facts.largestVendorId() > QLTCMPUtils::kLargestVendorId) {
+    // No string can record a choice on this list as it is made: the facade keeps what it had.
+    QltLog::e(kTag, [&] {
+      return "Vendor list not applied: vendor id " + std::to_string(facts.largestVendorId()) +
+             " is above " + std::to_string(QLTCMPUtils::kLargestVendorId) +
+             ", the largest a TC String can name";
+    });
+    return;
+  }
   std::vector<PurposeModel> purposes = PurposeModel::parse(*gvl);
   std::vector<VendorModel> vendors = VendorModel::parse(*gvl, *config);
 
@@ -214,7 +224,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   loaded->purposes = std::move(purposes);
   loaded->vendors = std::move(vendors);
   loaded->gvl = gvl;
-  loaded->facts = VendorList::facts(*gvl);
+  loaded->facts = std::move(facts);
   {
     std::lock_guard lock(mutex_);
     loaded_ = loaded;
