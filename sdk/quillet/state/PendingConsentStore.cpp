@@ -6,6 +6,18 @@
 #include "quillet/state/VendorConsentStore.h"
 
 namespace quillet {
+namespace {
+
+// Writes `flags` (id and flag pairs) over `held`. Both are ascending, so each entry is usually
+// right at the hint.
+template <typename Flags>
+void merge(ConsentFlags& held, const Flags& flags) {
+  auto next = held.begin();
+  for (const auto& [id, on] : flags)
+    next = std::next(held.insert_or_assign(next, id, on));
+}
+
+}  // namespace
 
 PendingConsentStore& PendingConsentStore::shared() {
   static PendingConsentStore* const instance = new PendingConsentStore();
@@ -34,9 +46,7 @@ void PendingConsentStore::setVendorConsent(std::int64_t vendorId, bool on) {
 
 void PendingConsentStore::mergeVendorConsent(const ConsentFlags& flags) {
   std::lock_guard lock(mutex_);
-  auto next = vendorConsent_.begin();  // both ascending: each entry is usually right at the hint
-  for (const auto& [id, on] : flags)
-    next = std::next(vendorConsent_.insert_or_assign(next, id, on));
+  merge(vendorConsent_, flags);
 }
 
 ConsentFlags PendingConsentStore::purposeConsent() const {
@@ -54,9 +64,7 @@ void PendingConsentStore::setPurposeConsent(std::int64_t purposeId, bool on) {
 
 void PendingConsentStore::mergePurposeConsent(const ConsentFlags& flags) {
   std::lock_guard lock(mutex_);
-  auto next = purposeConsent_.begin();  // both ascending: each entry is usually right at the hint
-  for (const auto& [id, on] : flags)
-    next = std::next(purposeConsent_.insert_or_assign(next, id, on));
+  merge(purposeConsent_, flags);
 }
 
 NestedConsentFlags PendingConsentStore::liPurposeConsent() const {
@@ -79,12 +87,8 @@ void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, std::int64_
 
 void PendingConsentStore::mergeLiPurposeConsent(const NestedConsentFlags& flags) {
   std::lock_guard lock(mutex_);
-  for (const auto& [vendorId, purposes] : flags) {
-    ConsentFlags& held = liPurposeConsent_[vendorId];
-    auto next = held.begin();
-    for (const auto& [purposeId, on] : purposes)
-      next = std::next(held.insert_or_assign(next, purposeId, on));
-  }
+  for (const auto& [vendorId, purposes] : flags)
+    merge(liPurposeConsent_[vendorId], purposes);
 }
 
 NestedConsentFlags PendingConsentStore::specialFeatureConsent() const {
@@ -110,10 +114,7 @@ void PendingConsentStore::mergeSpecialFeatureConsent(
     std::int64_t featureId, std::span<const std::pair<std::int64_t, bool>> flags) {
   {
     std::lock_guard lock(mutex_);
-    ConsentFlags& held = specialFeatureConsent_[featureId];
-    auto next = held.begin();  // both ascending: each entry is usually right at the hint
-    for (const auto& [vendorId, on] : flags)
-      next = std::next(held.insert_or_assign(next, vendorId, on));
+    merge(specialFeatureConsent_[featureId], flags);
   }
   logSpecialFeatureConsent();
 }
