@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo codec-demo bench fuzz fuzz-campaign differential lint docs format \
+.PHONY: all deps build test demo codec-demo bench profile-startup fuzz fuzz-campaign differential lint docs format \
   tsan clean
 
 all: build
@@ -55,6 +55,10 @@ bench: build
 	cd tests && node ../bench/demo_startup.mjs ../build/release/cli/quillet 10
 	./bench/decode_stream.sh build/release/cli/quillet
 	./bench/startup.sh build/release/cli/quillet
+
+# Instructions of one start-up to the banner, step by step, under callgrind (needs valgrind).
+profile-startup: build
+	./bench/startup_profile.sh build/release/bench/facade_bench
 
 # Every fuzz target for FUZZ_SECONDS (default 60) each; FUZZ_TARGETS names a few.
 FUZZ_SECONDS ?= 60

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# One start-up to the banner, counted in instructions under callgrind, step by step: with the
+# vendor list read from the store (`:0`) and with it already in memory (`:1`). Instruction counts
+# do not move with how busy the machine is, so two builds compare on any day; timings are the
+# start-up benchmark's. Needs valgrind (Debian package "valgrind").
+# usage: bench/startup_profile.sh [path/to/facade_bench]
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+bench=${1:-build/release/bench/facade_bench}
+command -v valgrind > /dev/null || { echo "startup_profile: needs valgrind" >&2; exit 1; }
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# Inclusive instructions of each step; the first match of its pattern in the profile. Only the
+# top-level steps are counted, so that the benchmark's own set-up (which fills the cache in memory
+# for `:1`) is left out.
+steps=(
+  "initialize on the host's thread|quillet::QuilletCMP::initialize\("
+  "from the configuration's arrival to the banner, HTTP thread|QLTAPIServer::\(anonymous namespace\)::downloadConfig\("
+  "  reading and parsing the stored vendor list|quillet::ConsentStorage::loadGVL\(\)"
+  "  applying configuration and vendor list|quillet::QuilletCMP::applyFetchedConfig\("
+  "    vendor models|quillet::VendorModel::parse\("
+  "    vendor list facts|quillet::VendorList::facts\("
+  "    raw vendor entries|quillet::VendorList::entriesOf\("
+  "the banner's document, main thread|quillet::CMPBannerViewController::document"
+)
+
+for mode in 0 1; do
+  out="$work/callgrind.$mode"
+  valgrind --tool=callgrind --callgrind-out-file="$out" \
+    --toggle-collect='quillet::QuilletCMP::initialize(*' \
+    --toggle-collect='quillet::QLTAPIServer::(anonymous namespace)::downloadConfig(*' \
+    --toggle-collect='quillet::CMPBannerViewController::document*' "$bench" \
+    --benchmark_filter="StartUpFromCachedVendorListToBanner/cacheFilledAtLaunch:$mode" \
+    --benchmark_min_time=0 > /dev/null 2>&1
+  callgrind_annotate --inclusive=yes --threshold=100 "$out" > "$out.txt" 2> /dev/null
+  echo "start-up, cacheFilledAtLaunch:$mode (instructions, one start)"
+  printf '  %-62s %12s\n' "the steps below, together" \
+    "$(grep -m1 'PROGRAM TOTALS' "$out.txt" | awk '{print $1}')"
+  for step in "${steps[@]}"; do
+    name=${step%%|*}
+    count=$(grep -m1 -E "${step#*|}" "$out.txt" | awk '{print $1}' || true)
+    printf '  %-62s %12s\n' "$name" "${count:--}"
+  done
+done
