@@ -2,8 +2,8 @@
 JOBS ?= $(shell nproc)
 FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp' '*.h.in')
 
-.PHONY: all deps build test demo codec-demo bench profile-startup fuzz fuzz-campaign differential lint docs format \
-  tsan clean
+.PHONY: all deps build test demo codec-demo bench profile-startup fuzz fuzz-campaign differential \
+  lint docs format tsan clean
 
 all: build
 
