@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -14,6 +15,30 @@ inline std::vector<std::int64_t> sortedUnique(std::vector<std::int64_t> ids) {
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
   return ids;
 }
+
+/// Gathers ids that repeat over a few values, such as the purposes or special features that
+/// vendors declare: ids from 0 to 63 are noted in a mask, any others listed.
+class Gatherer {
+ public:
+  void add(std::int64_t id) {
+    if (id >= 0 && id < 64) {
+      small_ |= std::uint64_t{1} << id;
+    } else {
+      others_.push_back(id);
+    }
+  }
+
+  /// What was added, ascending, each once.
+  std::vector<std::int64_t> sorted() && {
+    for (std::uint64_t rest = small_; rest != 0; rest &= rest - 1)
+      others_.push_back(std::countr_zero(rest));
+    return sortedUnique(std::move(others_));
+  }
+
+ private:
+  std::uint64_t small_ = 0;
+  std::vector<std::int64_t> others_;
+};
 
 /// Whether the ascending `sorted` holds `id`.
 inline bool contains(std::span<const std::int64_t> sorted, std::int64_t id) {

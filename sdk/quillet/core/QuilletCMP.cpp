@@ -189,23 +189,14 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   if (const auto& selected = config->selectedVendorIds(); selected && selected->empty()) {
     vendors.clear();
   }
-  // Vendors repeat the same few small purpose ids: each of those is noted once.
-  Ids declaredPurposes;
-  std::uint64_t noted = 0;
-  const auto note = [&](std::span<const std::int64_t> ids) {
-    for (const std::int64_t id : ids) {
-      if (id >= 0 && id < 64) {
-        if ((noted >> id & 1U) != 0) continue;
-        noted |= std::uint64_t{1} << id;
-      }
-      declaredPurposes.push_back(id);
-    }
-  };
+  IdList::Gatherer declared;
   for (const auto& vendor : vendors) {
-    note(vendor.purposes());
-    note(vendor.legIntPurposes());
+    for (const std::int64_t id : vendor.purposes())
+      declared.add(id);
+    for (const std::int64_t id : vendor.legIntPurposes())
+      declared.add(id);
   }
-  declaredPurposes = sortedUnique(std::move(declaredPurposes));
+  const Ids declaredPurposes = std::move(declared).sorted();
   std::erase_if(purposes, [&](const PurposeModel& purpose) {
     return !contains(declaredPurposes, purpose.id());
   });

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "quillet/base/IdList.h"
 #include "quillet/base/QltLog.h"
 #include "quillet/base/Text.h"
 #include "quillet/model/Json.h"
@@ -185,15 +186,17 @@ std::vector<StackPreview> CMPBannerViewController::keptStacks(
   if (config.selectedPurposesIds() && !config.selectedPurposesIds()->empty()) {
     purposes = *config.selectedPurposesIds();
   }
-  std::vector<std::int64_t> features;
+  IdList::Gatherer declared;
   for (const auto& vendor : rawVendors) {
     if (!vendor) continue;
-    for (const auto id : Json::integerMembers(Json::member(*vendor, "specialFeatures")))
-      features.push_back(id);
+    const boost::json::array* ids = Json::array(Json::member(*vendor, "specialFeatures"));
+    if (ids == nullptr) continue;
+    for (const auto& element : *ids) {
+      if (const auto id = Json::exactInteger(&element)) declared.add(*id);
+    }
   }
+  const std::vector<std::int64_t> features = std::move(declared).sorted();
   std::sort(purposes.begin(), purposes.end());
-  std::sort(features.begin(), features.end());
-  features.erase(std::unique(features.begin(), features.end()), features.end());
 
   std::vector<StackPreview> kept;
   for (auto& stack : StackPreview::read(gvl)) {
