@@ -224,17 +224,21 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   const auto stored = storedConsent();
   if (!stored) {
     // Legitimate interest starts switched on for every purpose a vendor declares it for.
-    for (const auto vendorId : loaded->vendorIds) {
+    NestedConsentFlags legIntOn;
+    legIntOn.reserve(loaded->sortedVendorIds.size());
+    for (const auto vendorId : loaded->sortedVendorIds) {
       const auto legInt = loaded->facts.declared(vendorId, VendorList::Facts::List::legIntPurposes);
       if (!legInt) continue;
       ConsentFlags on;
+      on.reserve(legInt->size());
       for (const auto purpose : *legInt) {
         if (!on.emplace(purpose, true).second) {
           fatalError("Duplicate values for key: '" + std::to_string(purpose) + "'");
         }
       }
-      PendingConsentStore::shared().setLiPurposeConsent(vendorId, std::move(on));
+      legIntOn.emplace_hint(legIntOn.end(), vendorId, std::move(on));
     }
+    PendingConsentStore::shared().replaceLiPurposeConsent(std::move(legIntOn));
   }
   syncStores(loaded->sortedPurposeIds, loaded->sortedVendorIds, loaded->facts);
   if (stored) updateGoogleConsentModeFromTCString(*stored);

@@ -8,13 +8,13 @@
 namespace quillet {
 namespace {
 
-// Writes `flags` (id and flag pairs) over `held`. Both are ascending, so each entry is usually
-// right at the hint.
-template <typename Flags>
-void merge(ConsentFlags& held, const Flags& flags) {
+// Writes `flags` (id and value pairs) over `held`. Both are ascending, so each entry is usually
+// right at the hint. Values are moved out of `flags` unless they are const.
+template <typename Held, typename Flags>
+void merge(Held& held, Flags&& flags) {
   auto next = held.begin();
-  for (const auto& [id, on] : flags)
-    next = std::next(held.insert_or_assign(next, id, on));
+  for (auto& [id, value] : flags)
+    next = std::next(held.insert_or_assign(next, id, std::move(value)));
 }
 
 }  // namespace
@@ -83,6 +83,15 @@ void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, std::int64_
                                               bool on) {
   std::lock_guard lock(mutex_);
   liPurposeConsent_[vendorId][purposeId] = on;
+}
+
+void PendingConsentStore::replaceLiPurposeConsent(NestedConsentFlags flags) {
+  std::lock_guard lock(mutex_);
+  if (liPurposeConsent_.empty()) {
+    liPurposeConsent_ = std::move(flags);
+  } else {
+    merge(liPurposeConsent_, std::move(flags));
+  }
 }
 
 void PendingConsentStore::mergeLiPurposeConsent(const NestedConsentFlags& flags) {

@@ -40,6 +40,9 @@ class PendingConsentStore {
   void setLiPurposeConsent(NestedConsentFlags flags);
   void setLiPurposeConsent(std::int64_t vendorId, ConsentFlags purposes);
   void setLiPurposeConsent(std::int64_t vendorId, std::int64_t purposeId, bool on);
+  /// Sets each vendor's purposes to those `flags` holds for it, keeping the vendors it does not
+  /// name.
+  void replaceLiPurposeConsent(NestedConsentFlags flags);
   /// Sets each vendor's and purpose's entry of `flags`, keeping those it does not name.
   void mergeLiPurposeConsent(const NestedConsentFlags& flags);
 
