@@ -1,5 +1,7 @@
 #include "quillet/state/PendingConsentStore.h"
 
+#include <algorithm>
+
 #include "quillet/base/QltLog.h"
 #include "quillet/state/PurposeConsentStore.h"
 #include "quillet/state/SpecialFeatureConsentStore.h"
@@ -11,7 +13,10 @@ namespace {
 // Writes `flags` (id and value pairs) over `held`. Both are ascending, so each entry is usually
 // right at the hint. Values are moved out of `flags` unless they are const.
 template <typename Held, typename Flags>
-void merge(Held& held, Flags&& flags) {
+void merge(Held& held, Flags& flags) {
+  const std::size_t added = std::size(flags);
+  if (held.capacity() - held.size() < added)  // grows as single inserts would, at most once
+    held.reserve(std::max(held.size() + added, 2 * held.capacity()));
   auto next = held.begin();
   for (auto& [id, value] : flags)
     next = std::next(held.insert_or_assign(next, id, std::move(value)));
@@ -87,11 +92,7 @@ void PendingConsentStore::setLiPurposeConsent(std::int64_t vendorId, std::int64_
 
 void PendingConsentStore::replaceLiPurposeConsent(NestedConsentFlags flags) {
   std::lock_guard lock(mutex_);
-  if (liPurposeConsent_.empty()) {
-    liPurposeConsent_ = std::move(flags);
-  } else {
-    merge(liPurposeConsent_, std::move(flags));
-  }
+  merge(liPurposeConsent_, flags);
 }
 
 void PendingConsentStore::mergeLiPurposeConsent(const NestedConsentFlags& flags) {
