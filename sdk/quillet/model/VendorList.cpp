@@ -1,6 +1,8 @@
 #include "quillet/model/VendorList.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 
 #include "quillet/base/NeverDestroyed.h"
 #include "quillet/base/Text.h"
@@ -24,27 +26,71 @@ std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
   return ids;
 }
 
+namespace {
+
+using KeyedEntry = std::pair<std::int64_t, const boost::json::object*>;
+
+// The entries of `vendors` under keys written as `std::to_string` writes their ids (null for an
+// entry that is not an object), ascending by id: what a look-up by each id's key finds, gathered
+// in one pass. `ids` gets every key that reads as an integer, ascending.
+std::vector<KeyedEntry> entriesByKey(const boost::json::object& vendors,
+                                     std::vector<std::int64_t>& ids) {
+  std::vector<KeyedEntry> entries;
+  entries.reserve(vendors.size());
+  ids.reserve(vendors.size());
+  for (const auto& member : vendors) {
+    const std::string_view key = member.key();
+    const auto id = Text::parseInteger(key);
+    if (!id) continue;
+    ids.push_back(*id);
+    std::array<char, 24> digits{};
+    const char* const end = std::to_chars(digits.begin(), digits.end(), *id).ptr;
+    if (std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())) != key)
+      continue;
+    entries.emplace_back(*id, member.value().if_object());
+  }
+  const auto byId = [](const KeyedEntry& a, const KeyedEntry& b) { return a.first < b.first; };
+  if (!std::is_sorted(entries.begin(), entries.end(), byId))
+    std::sort(entries.begin(), entries.end(), byId);
+  if (!std::is_sorted(ids.begin(), ids.end())) std::sort(ids.begin(), ids.end());
+  return entries;
+}
+
+}  // namespace
+
 Facts facts(const boost::json::object& gvl) {
   Facts out;
-  out.vendorIds = integerKeys(vendors(gvl));
+  const std::vector<KeyedEntry> entries = entriesByKey(vendors(gvl), out.vendorIds);
   out.vendorListVersion = Json::exactInteger(Json::member(gvl, "vendorListVersion")).value_or(1);
   out.policyVersion = Json::exactInteger(Json::member(gvl, "tcfPolicyVersion")).value_or(1);
   out.specialFeatureIds = specialFeatureIds(gvl);
   out.specialFeatureKeys = specialFeatureKeys(gvl);
-  const boost::json::object& entries = vendors(gvl);
+  auto next = entries.begin();
   std::int64_t previous = 0;
   for (const auto vendorId : out.vendorIds) {
     if (!out.declared_.empty() && vendorId == previous) continue;  // "7" and "07"
     previous = vendorId;
     Facts::Declared entry{vendorId, {0, 0}, {-1, -1}};
-    // What `declared` reads, with one look-up of the vendor for both lists.
+    // What `declared` reads: the entry under the id's key, and both lists in one pass over it.
+    while (next != entries.end() && next->first < vendorId)
+      ++next;
     const boost::json::object* vendor =
-        Json::object(Json::member(entries, std::to_string(vendorId)));
-    constexpr std::string_view kKeys[] = {"purposes", "legIntPurposes"};
-    for (std::size_t list = 0; vendor != nullptr && list < 2; ++list) {
+        next != entries.end() && next->first == vendorId ? next->second : nullptr;
+    if (vendor == nullptr) {
+      out.declared_.push_back(entry);
+      continue;
+    }
+    const boost::json::value* lists[2] = {nullptr, nullptr};
+    for (const auto& member : *vendor) {
+      if (member.key() == "purposes") {
+        lists[0] = &member.value();
+      } else if (member.key() == "legIntPurposes") {
+        lists[1] = &member.value();
+      }
+    }
+    for (std::size_t list = 0; list < 2; ++list) {
       const std::size_t at = out.declaredIds_.size();
-      if (!Json::appendExactIntegerArray(Json::member(*vendor, kKeys[list]), out.declaredIds_))
-        continue;
+      if (!Json::appendExactIntegerArray(lists[list], out.declaredIds_)) continue;
       entry.at[list] = static_cast<std::uint32_t>(at);
       entry.count[list] = static_cast<std::int32_t>(out.declaredIds_.size() - at);
     }
