@@ -329,6 +329,10 @@ bool appendExactIntegerArray(const boost::json::value* value, std::vector<std::i
   if (ids.capacity() - before < elements->size())  // grows as push_back would, at most once
     ids.reserve(std::max(before + elements->size(), 2 * ids.capacity()));
   for (const auto& element : *elements) {
+    if (const std::int64_t* const id = element.if_int64()) {  // the usual form, read at once
+      ids.push_back(*id);
+      continue;
+    }
     const auto id = exactInteger(&element);
     if (!id) {
       ids.resize(before);
