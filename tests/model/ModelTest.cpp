@@ -132,6 +132,17 @@ std::string declarations(const boost::json::object& json, const VendorList::Fact
   return out;
 }
 
+// Each vendor's raw entry is the member under its decimal id, or none.
+void expectRawEntries(const boost::json::object& json, const std::vector<VendorModel>& vendors) {
+  const auto gvl = std::make_shared<const boost::json::object>(json);
+  const auto raw = VendorList::entriesOf(gvl, vendors);
+  ASSERT_EQ(raw.size(), vendors.size());
+  for (std::size_t i = 0; i < vendors.size(); ++i) {
+    const auto id = std::to_string(vendors[i].id());
+    EXPECT_EQ(raw[i].get(), Json::object(Json::member(VendorList::vendors(*gvl), id))) << id;
+  }
+}
+
 std::string facts(const boost::json::object& json) {
   const auto f = VendorList::facts(json);
   return "vendors " + text(f.vendorIds) + " largest " + std::to_string(f.largestVendorId()) +
@@ -185,7 +196,11 @@ TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
       const auto json = testing::jsonObject(body);
       if (kind == "config") all += config(json);
       if (kind == "purposes") all += records(PurposeModel::parse(json));
-      if (kind == "vendors") all += records(VendorModel::parse(json, *BrandingConfig::init(json)));
+      if (kind == "vendors") {
+        const auto vendors = VendorModel::parse(json, *BrandingConfig::init(json));
+        all += records(vendors);
+        expectRawEntries(json, vendors);
+      }
       if (kind == "selections") all += selections(json);
       if (kind == "json") all += jsonReaders(json);
       if (kind == "facts") all += facts(json);

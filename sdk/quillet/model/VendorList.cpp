@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <iterator>
 
 #include "quillet/base/NeverDestroyed.h"
 #include "quillet/base/Text.h"
@@ -185,9 +186,21 @@ std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
   if (!gvl) return entries;
   const boost::json::object& all = VendorList::vendors(*gvl);
   entries.reserve(vendors.size());
+  // Models keep the members' order, so a vendor's entry is usually the member after the last one
+  // found; keys are unique, so that member is the one a look-up would find.
+  auto next = all.begin();
   for (const auto& vendor : vendors) {
+    std::array<char, 24> digits{};
+    const char* const end = std::to_chars(digits.begin(), digits.end(), vendor.id()).ptr;
+    const std::string_view key(digits.data(), static_cast<std::size_t>(end - digits.data()));
+    const auto found = next != all.end() && next->key() == key ? next : all.find(key);
+    const boost::json::value* value = nullptr;
+    if (found != all.end()) {
+      value = &found->value();
+      next = std::next(found);
+    }
     // Empty for a vendor without an entry under its id, so that entry i stays vendor i's.
-    const auto* entry = Json::object(Json::member(all, std::to_string(vendor.id())));
+    const auto* entry = Json::object(value);
     entries.push_back(entry != nullptr ? std::shared_ptr<const boost::json::object>(gvl, entry)
                                        : nullptr);
   }
