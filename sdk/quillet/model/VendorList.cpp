@@ -30,6 +30,13 @@ std::vector<std::int64_t> integerKeys(const boost::json::object& object) {
 namespace {
 
 using KeyedEntry = std::pair<std::int64_t, const boost::json::object*>;
+using Digits = std::array<char, 24>;
+
+// `id` as `std::to_string` writes it, held in `digits`.
+std::string_view decimal(std::int64_t id, Digits& digits) {
+  const char* const end = std::to_chars(digits.begin(), digits.end(), id).ptr;
+  return {digits.data(), static_cast<std::size_t>(end - digits.data())};
+}
 
 // The entries of `vendors` under keys written as `std::to_string` writes their ids (null for an
 // entry that is not an object), ascending by id: what a look-up by each id's key finds, gathered
@@ -44,11 +51,8 @@ std::vector<KeyedEntry> entriesByKey(const boost::json::object& vendors,
     const auto id = Text::parseInteger(key);
     if (!id) continue;
     ids.push_back(*id);
-    std::array<char, 24> digits{};
-    const char* const end = std::to_chars(digits.begin(), digits.end(), *id).ptr;
-    if (std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())) != key)
-      continue;
-    entries.emplace_back(*id, member.value().if_object());
+    Digits digits{};
+    if (decimal(*id, digits) == key) entries.emplace_back(*id, member.value().if_object());
   }
   const auto byId = [](const KeyedEntry& a, const KeyedEntry& b) { return a.first < b.first; };
   if (!std::is_sorted(entries.begin(), entries.end(), byId))
@@ -77,16 +81,14 @@ Facts facts(const boost::json::object& gvl) {
       ++next;
     const boost::json::object* vendor =
         next != entries.end() && next->first == vendorId ? next->second : nullptr;
-    if (vendor == nullptr) {
-      out.declared_.push_back(entry);
-      continue;
-    }
-    const boost::json::value* lists[2] = {nullptr, nullptr};
-    for (const auto& member : *vendor) {
-      if (member.key() == "purposes") {
-        lists[0] = &member.value();
-      } else if (member.key() == "legIntPurposes") {
-        lists[1] = &member.value();
+    const boost::json::value* lists[2] = {nullptr, nullptr};  // none without an entry
+    if (vendor != nullptr) {
+      for (const auto& member : *vendor) {
+        if (member.key() == "purposes") {
+          lists[0] = &member.value();
+        } else if (member.key() == "legIntPurposes") {
+          lists[1] = &member.value();
+        }
       }
     }
     for (std::size_t list = 0; list < 2; ++list) {
@@ -190,9 +192,8 @@ std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
   // found; keys are unique, so that member is the one a look-up would find.
   auto next = all.begin();
   for (const auto& vendor : vendors) {
-    std::array<char, 24> digits{};
-    const char* const end = std::to_chars(digits.begin(), digits.end(), vendor.id()).ptr;
-    const std::string_view key(digits.data(), static_cast<std::size_t>(end - digits.data()));
+    Digits digits{};
+    const std::string_view key = decimal(vendor.id(), digits);
     const auto found = next != all.end() && next->key() == key ? next : all.find(key);
     const boost::json::value* value = nullptr;
     if (found != all.end()) {
