@@ -19,6 +19,7 @@
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/PurposeModel.h"
+#include "quillet/model/StartDocument.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -209,6 +210,19 @@ void TokenizeVendorListOnly(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
 }
 BENCHMARK(TokenizeVendorListOnly)->Unit(benchmark::kMillisecond);
+
+// The same text read into the start document: the whole list less the vendor members that the
+// start does not read. Between the two benchmarks above.
+void ParseVendorListStartDocument(benchmark::State& state) {
+  const std::string& text = vendorListText();
+  for (auto _ : state) {
+    VendorList::StartDocumentReader reader(text.size());
+    reader.read(text);
+    benchmark::DoNotOptimize(reader.finish());
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(ParseVendorListStartDocument)->Unit(benchmark::kMillisecond);
 
 // Counts what the JSON document asks for, before the allocator's own overhead.
 class CountingResource final : public boost::container::pmr::memory_resource {

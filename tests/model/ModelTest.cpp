@@ -9,6 +9,7 @@
 #include "quillet/model/ConsentSelections.h"
 #include "quillet/model/DeviceStorageDisclosure.h"
 #include "quillet/model/PurposeModel.h"
+#include "quillet/model/StartDocument.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
 
@@ -260,6 +261,82 @@ TEST(Model, ADocumentInBlocksIsTheHeapDocumentAndItsCopiesStandAlone) {
   document.reset();
   EXPECT_EQ(copy.as_array().size(), 101001U);
   EXPECT_EQ(copy.as_array()[39999].as_string(), std::string(39, 'y'));
+}
+
+// What the start reads of a vendor list, written out with the log lines it causes.
+std::string startReads(const boost::json::object& json) {
+  const testing::LogCapture log;
+  std::string out = facts(json) + records(PurposeModel::parse(json));
+  const auto gvl = std::make_shared<const boost::json::object>(json);
+  for (const auto& config :
+       {BrandingConfig({}),
+        BrandingConfig({.selectedVendorIds = std::vector<std::int64_t>{755, 8, 1, 2}})}) {
+    const auto vendors = VendorModel::parse(json, config);
+    out += records(vendors);
+    for (const auto& entry : VendorList::entriesOf(gvl, vendors)) {
+      const auto* features = entry ? Json::member(*entry, "specialFeatures") : nullptr;
+      out += features ? Json::print(*features) : "-";
+    }
+  }
+  if (const auto* stacks = Json::member(json, "stacks")) out += Json::print(*stacks);
+  for (const auto& line : log.lines())
+    out += "\nlog " + line;
+  return out;
+}
+
+// The start document reads as the whole one for all that the start reads, on the real lists, the
+// vendor documents above and texts that the pruning could get wrong: repeated members, "privacy"
+// that is no string or repeated, "urls" with other elements, errors and depth inside a member
+// that is left out. It takes the texts the document reader takes, read in pieces that split keys
+// and strings anywhere, and it leaves out most of a real list.
+TEST(Model, TheStartDocumentReadsAsTheWholeOne) {
+  std::vector<std::string> texts = {testing::testdataText("gvl-v3-106.json"),
+                                    testing::testdataText("gvl-v2-224.json"),
+                                    testing::testdataText("vendor-list.json")};
+  for (const auto& [title, body] : testing::cases("model-documents.txt")) {
+    if (title.starts_with("vendors") || title.starts_with("facts")) texts.push_back(body);
+  }
+  const std::string entry =
+      R"({"id": 1, "name": "a", "purposes": [1], "dataRetention": {"a": [1, {"b": 2}]}, )"
+      R"("urls": [{"langId": "en", "privacy": 5}, {"privacy": "p1", "legIntClaim": "x"}, )"
+      R"({"privacy": "p2"}], "purposes": [2, 3], "specialFeatures": [1], "x": null})";
+  const std::string privacyRules =
+      R"({"vendors": {"4": {"name": "c", "urls": [{"privacy": "p", "privacy": null}, )"
+      R"({"privacy": {"x": "y"}}, {"privacy": "q"}, {"privacy": "r"}]}}})";
+  const std::string nested = std::string(28, '[') + std::string(28, ']');  // 32 levels in all
+  texts.insert(
+      texts.end(),
+      {R"({"vendors": {"1": )" + entry + R"(, "2": )" + entry + R"(}, "stacks": {"vendors": )" +
+           entry + "}}",
+       R"({"vendors": {"3": {"id": 3, "name": "b", "urls": [{"privacy": "p"}, 3]}}})", privacyRules,
+       R"({"vendors": {"5": {"name": "d", "urls": {"privacy": "p"}, "id": 5}, "6": 6}})",
+       R"({"vendors": {"7": {"name": "e"", "urls": [{"privacy": "p
+"}]}}})",
+       R"({"vendors": {"8": {"name": "f"}}, "vendors": [{"id": 8, "name": "g", "x": 1}]})",
+       R"({"vendors": {"9": {"name": "h", "x": )" + nested + "}}}",
+       R"({"vendors": {"9": {"name": "h", "x": [)" + nested + "]}}}",
+       R"({"vendors": {"9": {"name": "h", "x": [1,]}}})", R"([{"vendors": {}}])", "12", "", "{",
+       "{} x"});
+  for (const auto& text : texts) {
+    const auto whole = Json::parse(text);
+    VendorList::StartDocumentReader reader(text.size());
+    for (std::size_t at = 0, length = 1; at < text.size(); at += length, length = length % 7 + 1)
+      reader.read(std::string_view(text).substr(at, length));
+    const auto start = reader.finish();
+    ASSERT_EQ(whole.has_value(), start.has_value()) << text.substr(0, 80);
+    if (!whole || !whole->is_object()) continue;
+    EXPECT_EQ(startReads(whole->get_object()), startReads(start->as_object()))
+        << text.substr(0, 80);
+  }
+  const auto start = [](const std::string& text) {
+    VendorList::StartDocumentReader reader;
+    reader.read(text);
+    return Json::print(reader.finish().value());
+  };
+  EXPECT_LT(start(texts[0]).size(), texts[0].size() / 3);
+  EXPECT_EQ(start(privacyRules),
+            R"({"vendors":{"4":{"name":"c","urls":[{"privacy":null},{"privacy":{"x":"y"}},)"
+            R"({"privacy":"q"},{}]}}})");
 }
 
 }  // namespace

@@ -170,12 +170,14 @@ class Block {
 // that such a document would fill come first, as one block; the rest goes in heap blocks, which
 // reuse memory the process has freed. The estimate errs low, so that large pages are seldom left
 // part empty.
-class DocumentArena final : public boost::json::memory_resource {
+}  // namespace
+
+class DocumentStorage::Arena final : public boost::json::memory_resource {
  public:
   static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
   // `self` is set to this arena: the counted storage that holds it does not give it out.
-  DocumentArena(DocumentArena*& self, std::size_t expectedTextBytes) {
+  Arena(Arena*& self, std::size_t expectedTextBytes) {
     self = this;
     constexpr std::size_t kLargestHint = std::size_t{1} << 30;  // keeps the estimate in range
     const std::size_t estimate = std::min(expectedTextBytes, kLargestHint) / 8 * 23;  // 2.875x
@@ -186,9 +188,9 @@ class DocumentArena final : public boost::json::memory_resource {
       blocks_.push_back(std::move(pages));
     }
   }
-  DocumentArena(const DocumentArena&) = delete;
-  DocumentArena& operator=(const DocumentArena&) = delete;
-  ~DocumentArena() override = default;
+  Arena(const Arena&) = delete;
+  Arena& operator=(const Arena&) = delete;
+  ~Arena() override = default;
 
   std::size_t blockBytes() const noexcept {
     std::size_t total = 0;
@@ -259,6 +261,8 @@ class DocumentArena final : public boost::json::memory_resource {
   std::size_t used_ = 0;  // bytes taken in the last block
   bool sealed_ = false;
 };
+
+namespace {
 
 std::optional<boost::json::value> parseInto(std::string_view text,
                                             boost::json::storage_ptr storage) {
@@ -353,14 +357,24 @@ std::optional<boost::json::value> parseDocument(std::string_view text) {
   return reader.finish();
 }
 
+DocumentStorage::DocumentStorage(std::size_t expectedTextBytes)
+    : storage_(boost::json::make_shared_resource<Arena>(arena_, expectedTextBytes)) {}
+DocumentStorage::~DocumentStorage() = default;
+
+void DocumentStorage::seal() {
+  arena_->seal();
+}
+
+std::size_t DocumentStorage::blockBytes() const noexcept {
+  return arena_->blockBytes();
+}
+
 struct DocumentReader::State {
-  explicit State(std::size_t expectedTextBytes)
-      : storage(boost::json::make_shared_resource<DocumentArena>(arena, expectedTextBytes)) {
-    parser.reset(storage);
+  explicit State(std::size_t expectedTextBytes) : storage(expectedTextBytes) {
+    parser.reset(storage.storage());
   }
 
-  DocumentArena* arena = nullptr;
-  boost::json::storage_ptr storage;  // keeps the arena alive for the seal, whatever the parse
+  DocumentStorage storage;  // kept for the seal, whatever the parse
   boost::json::stream_parser parser;
   bool failed = false;
 };
@@ -385,12 +399,12 @@ std::optional<boost::json::value> DocumentReader::finish() {
     if (!error) value = state_->parser.release();
   }
   state_->failed = true;
-  state_->arena->seal();
+  state_->storage.seal();
   return value;
 }
 
 std::size_t DocumentReader::blockBytes() const noexcept {
-  return state_->arena->blockBytes();
+  return state_->storage.blockBytes();
 }
 
 namespace {

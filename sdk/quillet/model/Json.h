@@ -57,6 +57,29 @@ std::optional<boost::json::value> parse(std::string_view text);
 /// it later take the heap. The result may be read on any thread.
 std::optional<boost::json::value> parseDocument(std::string_view text);
 
+/// The storage that `parseDocument` lays a document out in, for readers that build a document
+/// of their own. Values built in it must be built on one thread; `seal` it once the document is
+/// built, after which the document may be read on any thread and what is added to it or copied
+/// from it takes the heap. The storage lives as long as the document's values hold it.
+class DocumentStorage {
+ public:
+  /// `expectedTextBytes` as for `DocumentReader`.
+  explicit DocumentStorage(std::size_t expectedTextBytes);
+  ~DocumentStorage();
+  DocumentStorage(const DocumentStorage&) = delete;
+  DocumentStorage& operator=(const DocumentStorage&) = delete;
+
+  const boost::json::storage_ptr& storage() const noexcept { return storage_; }
+  void seal();
+  /// The bytes of the blocks taken so far, whether values fill them or not.
+  std::size_t blockBytes() const noexcept;
+
+ private:
+  class Arena;
+  Arena* arena_ = nullptr;
+  boost::json::storage_ptr storage_;
+};
+
 /// `parseDocument` for a text that arrives in pieces, such as a stored document read a page at a
 /// time, so that the whole text need never be held at once. Used from one thread at a time.
 class DocumentReader {
