@@ -40,7 +40,8 @@ ScreenContent realContent() {
   auto vendors = VendorModel::parse(*gvl, config);
   auto raw = VendorList::entriesOf(gvl, vendors);
   return ScreenContent{
-      config, PurposeModel::parse(*gvl), std::move(vendors), std::move(raw), gvl, std::nullopt, {}};
+      config, PurposeModel::parse(*gvl), std::move(vendors), std::move(raw), gvl, std::nullopt, {},
+      {}};
 }
 
 void BM_BannerDocument(benchmark::State& state) {

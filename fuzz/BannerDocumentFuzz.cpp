@@ -28,6 +28,7 @@ std::shared_ptr<CMPBannerViewController> banner(const BrandingConfig& config,
                         std::move(raw),
                         std::move(gvl),
                         std::nullopt,
+                        {},
                         {}};
   return std::make_shared<CMPBannerViewController>(std::move(content), [](const ConsentAction&) {});
 }

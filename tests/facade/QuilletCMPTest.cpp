@@ -321,6 +321,34 @@ TEST_F(Facade, TheRealVendorListsBannerAndStrings) {
         std::string(config) + "\n" + store_->readString(StorageKeys::tcString).value() + "\n";
   }
   EXPECT_TRUE(testing::matchesGolden("facade-strings.txt", strings));
+
+  // A start from the stored list: the banner reads the list's start document; the facade and the
+  // second layer that the banner opens have the whole list.
+  server_.reply("pub/banner_config.json", Reply{.body = R"({"vendorListVersion": 106})"});
+  store_->remove(StorageKeys::tcString);
+  QLTAPIServer::clearCache();
+  facade_ = QuilletCMP::create();
+  const std::size_t shown = host_->count();
+  facade_->initialize("pub");
+  ASSERT_TRUE(pumpUntil([&] { return host_->count() > shown; }));
+  const auto banner = host_->presented().back();
+  EXPECT_LT(Json::print(*banner.content.gvl).size(), gvl.size() / 3);
+  std::dynamic_pointer_cast<CMPBannerViewController>(banner.screen)->perform("onCustomize");
+  main_->runUntilIdle();
+  const auto whole = testing::jsonObject(gvl);
+  const auto entriesAreWhole = [&](const auto& entries, const std::vector<VendorModel>& vendors) {
+    ASSERT_EQ(entries.size(), vendors.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      const auto id = std::to_string(vendors[i].id());
+      EXPECT_EQ(*entries[i], whole.at("vendors").at(id).as_object()) << id;
+    }
+  };
+  const auto second = host_->presented().back();
+  ASSERT_TRUE(second.secondLayer);
+  EXPECT_EQ(*second.content.gvl, whole);
+  entriesAreWhole(second.content.rawVendors.get(), second.content.vendors.get());
+  EXPECT_EQ(*facade_->gvl(), whole);
+  entriesAreWhole(facade_->rawVendors(), facade_->vendors());
 }
 
 TEST(FacadeThreads, TheMainThreadMayReadTheFacadeWhileAFetchIsApplied) {

@@ -17,9 +17,14 @@ inline ScreenContent screenContent(const BrandingConfig& config, const std::stri
       std::make_shared<const boost::json::object>(Json::parse(vendorList).value().as_object());
   auto vendors = VendorModel::parse(*gvl, config);
   auto raw = VendorList::entriesOf(gvl, vendors);
-  return ScreenContent{
-      config,       PurposeModel::parse(*gvl), std::move(vendors), std::move(raw), std::move(gvl),
-      std::nullopt, std::move(handler)};
+  return ScreenContent{config,
+                       PurposeModel::parse(*gvl),
+                       std::move(vendors),
+                       std::move(raw),
+                       std::move(gvl),
+                       std::nullopt,
+                       std::move(handler),
+                       {}};
 }
 
 }  // namespace quillet::testing

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include "quillet/base/Fatal.h"
 #include "quillet/base/IdList.h"
@@ -13,8 +15,10 @@
 #include "quillet/codec/QLTCMPUtils.h"
 #include "quillet/core/ConsentDecision.h"
 #include "quillet/core/GoogleConsentMode.h"
+#include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/network/QLTAPIServer.h"
+#include "quillet/network/QLTAPIServerStart.h"
 #include "quillet/state/PendingConsentStore.h"
 #include "quillet/state/PurposeConsentStore.h"
 #include "quillet/state/SpecialFeatureConsentStore.h"
@@ -53,13 +57,41 @@ LastPosted& lastPosted() {
   return *instance;
 }
 
+using Document = std::shared_ptr<const boost::json::object>;
+
+// The whole vendor list behind a start document, read from the text once by whichever thread asks
+// first; the others wait for it. A text that gave a start document gives a whole one too.
+class WholeList {
+ public:
+  explicit WholeList(std::shared_ptr<const std::string> text) : text_(std::move(text)) {}
+
+  Document get() {
+    std::call_once(read_, [this] {
+      if (auto document = Json::parseDocument(*text_); document && document->is_object()) {
+        gvl_ = std::make_shared<const boost::json::object>(std::move(document->get_object()));
+      }
+      text_.reset();
+    });
+    return gvl_;
+  }
+
+ private:
+  std::once_flag read_;
+  std::shared_ptr<const std::string> text_;
+  Document gvl_;
+};
+
 }  // namespace
 
 struct QuilletCMP::Loaded {
   explicit Loaded(BrandingConfig configuration) : config(std::move(configuration)) {}
 
+  // The whole vendor list: `gvl`, unless `gvl` is a start document, whose whole list `whole` reads.
+  Document wholeGvl() const { return whole ? whole->get() : gvl; }
+
   BrandingConfig config;
-  std::shared_ptr<const boost::json::object> gvl;
+  Document gvl;
+  std::shared_ptr<WholeList> whole;  // set while `gvl` is a start document
   VendorList::Facts facts;
   SharedList<PurposeModel> purposes;
   SharedList<VendorModel> vendors;
@@ -104,7 +136,7 @@ std::optional<BrandingConfig> QuilletCMP::config() const {
 }
 std::shared_ptr<const boost::json::object> QuilletCMP::gvl() const {
   const auto loaded = snapshot().loaded;
-  return loaded ? loaded->gvl : nullptr;
+  return loaded ? loaded->wholeGvl() : nullptr;
 }
 std::vector<PurposeModel> QuilletCMP::purposes() const {
   const auto loaded = snapshot().loaded;
@@ -116,8 +148,11 @@ std::vector<VendorModel> QuilletCMP::vendors() const {
 }
 std::vector<std::shared_ptr<const boost::json::object>> QuilletCMP::rawVendors() const {
   const auto loaded = snapshot().loaded;
-  return loaded ? loaded->rawVendors.get()
-                : std::vector<std::shared_ptr<const boost::json::object>>{};
+  if (!loaded) return {};
+  if (!loaded->whole) return loaded->rawVendors.get();
+  const Document whole = loaded->wholeGvl();
+  return whole ? VendorList::entriesOf(whole, loaded->vendors.get())
+               : std::vector<std::shared_ptr<const boost::json::object>>{};
 }
 bool QuilletCMP::isConfigLoaded() const {
   std::lock_guard lock(mutex_);
@@ -160,16 +195,37 @@ void QuilletCMP::fetch(std::function<void()> continuation) {
     continuation();
     return;
   }
-  QLTAPIServer::fetchBannerConfigAndMaybeGVL(
+  QLTAPIServer::fetchBannerConfigAndMaybeStartGVL(
       *id, [self = weak_from_this(), continuation = std::move(continuation)](
-               std::optional<BrandingConfig> config, const QLTAPIServer::VendorList& gvl) {
-        if (const auto facade = self.lock()) facade->applyFetchedConfig(std::move(config), gvl);
+               std::optional<BrandingConfig> config, const QLTAPIServer::StartList& list) {
+        const auto facade = self.lock();
+        if (facade) facade->applyFetchedConfig(std::move(config), list.list, list.text);
         continuation();
+        // The banner is on its way; what reads more of the list than the banner gets it whole.
+        // On one core, the main thread that the banner was posted to goes first.
+        if (facade && list.text) {
+          std::this_thread::yield();
+          facade->completeList(list.list);
+        }
       });
 }
 
+void QuilletCMP::completeList(const std::shared_ptr<const boost::json::object>& start) {
+  const auto current = snapshot().loaded;
+  if (!current || current->gvl != start || !current->whole) return;
+  const Document whole = current->whole->get();
+  if (!whole) return;
+  auto next = std::make_shared<Loaded>(*current);
+  next->gvl = whole;
+  next->whole = nullptr;
+  next->rawVendors = VendorList::entriesOf(whole, current->vendors.get());
+  std::lock_guard lock(mutex_);
+  if (loaded_ == current) loaded_ = std::move(next);
+}
+
 void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
-                                    const std::shared_ptr<const boost::json::object>& gvl) {
+                                    const std::shared_ptr<const boost::json::object>& gvl,
+                                    std::shared_ptr<const std::string> wholeText) {
   if (!config || !gvl) return;
   VendorList::Facts facts = VendorList::facts(*gvl);
   if (facts.largestVendorId() > QLTCMPUtils::kLargestVendorId) {
@@ -215,6 +271,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
   loaded->purposes = std::move(purposes);
   loaded->vendors = std::move(vendors);
   loaded->gvl = gvl;
+  if (wholeText) loaded->whole = std::make_shared<WholeList>(std::move(wholeText));
   loaded->facts = std::move(facts);
   {
     std::lock_guard lock(mutex_);
@@ -255,15 +312,18 @@ void QuilletCMP::presentBannerForStartup(std::function<void()> completion) {
 
 ScreenContent QuilletCMP::screenContent(const Snapshot& snapshot) {
   const Loaded& loaded = *snapshot.loaded;
-  return ScreenContent{loaded.config,
-                       loaded.purposes,
-                       loaded.vendors,
-                       loaded.rawVendors,
-                       loaded.gvl,
-                       std::nullopt,
-                       [self = weak_from_this()](const ConsentAction& action) {
-                         if (const auto facade = self.lock()) facade->handleConsentAction(action);
-                       }};
+  ScreenContent content{loaded.config,
+                        loaded.purposes,
+                        loaded.vendors,
+                        loaded.rawVendors,
+                        loaded.gvl,
+                        std::nullopt,
+                        [self = weak_from_this()](const ConsentAction& action) {
+                          if (const auto facade = self.lock()) facade->handleConsentAction(action);
+                        },
+                        nullptr};
+  if (loaded.whole) content.wholeGvl = [whole = loaded.whole] { return whole->get(); };
+  return content;
 }
 
 void QuilletCMP::presentBanner(std::function<void()> onFinished) {
@@ -291,7 +351,7 @@ void QuilletCMP::openSecondLayer() {
   const Snapshot s = snapshot();
   if (!s.loaded) return;
   syncStores(s.loaded->sortedPurposeIds, s.loaded->sortedVendorIds, s.loaded->facts);
-  host->present(std::make_shared<SecondLayerViewController>(screenContent(s)),
+  host->present(std::make_shared<SecondLayerViewController>(screenContent(s).withWholeList()),
                 Presentation{PresentationStyle::fullScreen, Transition::coverVertical, true});
 }
 

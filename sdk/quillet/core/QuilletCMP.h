@@ -97,8 +97,12 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
 
   Snapshot snapshot() const;
   void fetch(std::function<void()> continuation);
+  // A start document comes with `wholeText`, the text its whole list reads from.
   void applyFetchedConfig(std::optional<BrandingConfig> config,
-                          const std::shared_ptr<const boost::json::object>& gvl);
+                          const std::shared_ptr<const boost::json::object>& gvl,
+                          std::shared_ptr<const std::string> wholeText);
+  // Replaces the start document `start`, when it is still the one loaded, with its whole list.
+  void completeList(const std::shared_ptr<const boost::json::object>& start);
   void presentBannerForStartup(std::function<void()> completion);
   // Presents the first-layer banner on the main queue; `onFinished` runs once the user decided.
   void presentBanner(std::function<void()> onFinished);

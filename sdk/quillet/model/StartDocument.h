@@ -10,7 +10,7 @@
 namespace quillet::VendorList {
 
 /// Reads a vendor list text that arrives in pieces into its start document: the document less
-/// what the start does not read, built in about half the time of the whole. Each entry of the
+/// what the start does not read, built in well under half the time of the whole. Each entry of the
 /// "vendors" object keeps only "id", "name", "policyUrl", "purposes", "legIntPurposes",
 /// "specialFeatures" and "urls"; the objects of "urls" keep only "privacy", and those after the
 /// first whose "privacy" is a string keep nothing. Everything else is whole. So the facts, the

@@ -1,4 +1,5 @@
 #include "quillet/network/QLTAPIServer.h"
+#include "quillet/network/QLTAPIServerStart.h"
 
 #include <chrono>
 #include <mutex>
@@ -14,6 +15,7 @@
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/Url.h"
 #include "quillet/storage/ConsentStorage.h"
+#include "quillet/storage/ConsentStorageStart.h"
 #include "quillet/storage/StorageKeys.h"
 
 namespace quillet::QLTAPIServer {
@@ -164,19 +166,29 @@ void downloadGVL(const Services& services,
       });
 }
 
-// Completes with the cached vendor list: the in-memory one, else `stored` when the caller has
-// already read the stored one, else the stored one read now. Never downloads.
-void completeWithFallback(
-    const BrandingConfig& config, VendorList stored,
-    const std::function<void(std::optional<BrandingConfig>, VendorList)>& completion) {
-  VendorList gvl = cachedGVL();
-  if (!gvl) gvl = stored ? std::move(stored) : storedGVL();
-  QltLog::d(kTag, std::string("Using cached GVL: ") + (gvl ? "yes" : "no"));
-  completion(config, std::move(gvl));
+using ListCompletion = std::function<void(std::optional<BrandingConfig>, StartList)>;
+
+// The stored vendor list: whole, or for a start as its start document with its text.
+StartList storedList(bool forStart) {
+  if (!forStart) return StartList{storedGVL(), nullptr};
+  auto stored = ConsentStorage::loadStartGVL();
+  if (!stored) return {};
+  return StartList{std::make_shared<const boost::json::object>(std::move(stored->document)),
+                   std::move(stored->text)};
 }
 
-void decideAboutGVL(const Services& services, BrandingConfig config,
-                    std::function<void(std::optional<BrandingConfig>, VendorList)> completion) {
+// Completes with the cached vendor list: the in-memory one, else `stored` when the caller has
+// already read the stored one, else the stored one read now. Never downloads.
+void completeWithFallback(const BrandingConfig& config, StartList stored, bool forStart,
+                          const ListCompletion& completion) {
+  StartList list{cachedGVL(), nullptr};
+  if (!list.list) list = stored.list ? std::move(stored) : storedList(forStart);
+  QltLog::d(kTag, std::string("Using cached GVL: ") + (list.list ? "yes" : "no"));
+  completion(config, std::move(list));
+}
+
+void decideAboutGVL(const Services& services, BrandingConfig config, bool forStart,
+                    ListCompletion completion) {
   const auto store = ConsentStorage::store();
   const std::int64_t local = store->readInteger(StorageKeys::vendorListVersion);
   const std::int64_t remote = config.vendorListVersion().value_or(0);
@@ -184,14 +196,14 @@ void decideAboutGVL(const Services& services, BrandingConfig config,
   // the costly part of this step, so it is skipped when neither needs it. With a list in memory,
   // which the fallback takes first, the stored one is only checked, not built; and not read
   // at all when the store tells that it is unchanged since it was last found.
-  VendorList stored;
+  StartList stored;
   bool hasLocal = false;
   if (local == remote || QltLog::enabled()) {
     if (cachedGVL()) {
       hasLocal = ConsentStorage::hasGVL();
     } else {
-      stored = storedGVL();
-      hasLocal = stored != nullptr;
+      stored = storedList(forStart);
+      hasLocal = stored.list != nullptr;
     }
   }
   QltLog::d(kTag, [&] {
@@ -201,31 +213,49 @@ void decideAboutGVL(const Services& services, BrandingConfig config,
   });
   if (hasLocal && local == remote) {
     QltLog::d(kTag, "GVL already cached, will use local");
-    completeWithFallback(config, std::move(stored), completion);
+    completeWithFallback(config, std::move(stored), forStart, completion);
     return;
   }
   QltLog::d(kTag, "Will fetch GVL (mustFetchGVL=true)");
-  downloadGVL(services, [config = std::move(config), remote, completion = std::move(completion)](
-                            VendorList gvl, std::optional<Bytes> wholeDocument) {
-    if (!gvl) {
-      QltLog::e(kTag, "GVL fetch failed, using fallback");
-      completeWithFallback(config, nullptr, completion);
-      return;
-    }
-    QltLog::d(kTag, "GVL fetched from CDN");
-    const auto store = ConsentStorage::store();
-    if (wholeDocument) {
-      store->set(StorageKeys::gvlJson, std::move(*wholeDocument));
-      store->synchronize();
-    } else {
-      ConsentStorage::saveGVL(*gvl);  // serialises, stores and synchronises; skips what JSON
-                                      // cannot represent
-    }
-    store->set(StorageKeys::vendorListVersion, remote);
-    store->synchronize();
-    setCachedGVL(gvl);
-    completion(config, std::move(gvl));
+  downloadGVL(services,
+              [config = std::move(config), remote, forStart, completion = std::move(completion)](
+                  VendorList gvl, std::optional<Bytes> wholeDocument) {
+                if (!gvl) {
+                  QltLog::e(kTag, "GVL fetch failed, using fallback");
+                  completeWithFallback(config, {}, forStart, completion);
+                  return;
+                }
+                QltLog::d(kTag, "GVL fetched from CDN");
+                const auto store = ConsentStorage::store();
+                if (wholeDocument) {
+                  store->set(StorageKeys::gvlJson, std::move(*wholeDocument));
+                  store->synchronize();
+                } else {
+                  ConsentStorage::saveGVL(*gvl);  // serialises, stores and synchronises; skips what
+                                                  // JSON cannot represent
+                }
+                store->set(StorageKeys::vendorListVersion, remote);
+                store->synchronize();
+                setCachedGVL(gvl);
+                completion(config, StartList{std::move(gvl), nullptr});
+              });
+}
+
+void fetchConfigAndList(std::string_view settingsId, bool forStart, ListCompletion completion) {
+  QltLog::d(kTag, [&] {
+    return "fetchBannerConfigAndMaybeGVL - starting for " + std::string(settingsId);
   });
+  const Services current = services();
+  downloadConfig(current, settingsId,
+                 [current, forStart, completion = std::move(completion)](
+                     std::optional<BrandingConfig> config, bool) mutable {
+                   if (!config) {
+                     QltLog::e(kTag, "fetchBrandingConfig failed");
+                     completion(std::nullopt, {});
+                     return;
+                   }
+                   decideAboutGVL(current, std::move(*config), forStart, std::move(completion));
+                 });
 }
 
 HttpRequest jsonPost(std::string url, const boost::json::object& body) {
@@ -253,20 +283,17 @@ std::shared_ptr<HttpClient> httpClient() {
 void fetchBannerConfigAndMaybeGVL(
     std::string_view settingsId,
     std::function<void(std::optional<BrandingConfig>, VendorList)> completion) {
-  QltLog::d(kTag, [&] {
-    return "fetchBannerConfigAndMaybeGVL - starting for " + std::string(settingsId);
-  });
-  const Services current = services();
-  downloadConfig(current, settingsId,
-                 [current, completion = std::move(completion)](std::optional<BrandingConfig> config,
-                                                               bool) mutable {
-                   if (!config) {
-                     QltLog::e(kTag, "fetchBrandingConfig failed");
-                     completion(std::nullopt, nullptr);
-                     return;
-                   }
-                   decideAboutGVL(current, std::move(*config), std::move(completion));
-                 });
+  fetchConfigAndList(
+      settingsId, false,
+      [completion = std::move(completion)](std::optional<BrandingConfig> config, StartList list) {
+        completion(std::move(config), std::move(list.list));
+      });
+}
+
+void fetchBannerConfigAndMaybeStartGVL(
+    std::string_view settingsId,
+    std::function<void(std::optional<BrandingConfig>, StartList)> completion) {
+  fetchConfigAndList(settingsId, true, std::move(completion));
 }
 
 void fetchBrandingConfig(std::string_view settingsId,

@@ -1,4 +1,5 @@
 #include "quillet/storage/ConsentStorage.h"
+#include "quillet/storage/ConsentStorageStart.h"
 
 #include <cmath>
 #include <mutex>
@@ -8,6 +9,7 @@
 #include "quillet/base/Platform.h"
 #include "quillet/base/QltLog.h"
 #include "quillet/model/Json.h"
+#include "quillet/model/StartDocument.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/SqliteKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
@@ -151,6 +153,24 @@ std::optional<boost::json::object> loadGVL() {
   if (!read || !document || !document->is_object()) return std::nullopt;
   noteListFoundAt(kv, revision);
   return std::move(document->get_object());
+}
+
+std::optional<StartGVL> loadStartGVL() {
+  const auto kv = store();
+  const auto revision = kv->revision(StorageKeys::gvlJson);  // asked first: see `revision`
+  auto text = std::make_shared<std::string>();
+  text->reserve(kv->byteCount(StorageKeys::gvlJson).value_or(0));
+  const bool read =
+      kv->readBytesInPieces(StorageKeys::gvlJson, [&text](std::span<const std::uint8_t> piece) {
+        text->append(reinterpret_cast<const char*>(piece.data()), piece.size());
+        return true;
+      });
+  VendorList::StartDocumentReader reader(text->size());
+  reader.read(*text);
+  auto document = reader.finish();
+  if (!read || !document || !document->is_object()) return std::nullopt;
+  noteListFoundAt(kv, revision);
+  return StartGVL{std::move(document->get_object()), std::move(text)};
 }
 
 bool hasGVL() {

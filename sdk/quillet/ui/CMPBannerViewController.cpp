@@ -385,7 +385,7 @@ void CMPBannerViewController::dismissThenComplete(ConsentAction action) {
 
 void CMPBannerViewController::onCustomize() {
   if (content_.purposes.empty() || content_.vendors.empty()) return;
-  auto secondLayer = std::make_shared<SecondLayerViewController>(content_);
+  auto secondLayer = std::make_shared<SecondLayerViewController>(content_.withWholeList());
   secondLayer->delegate = std::static_pointer_cast<CMPBannerViewController>(shared_from_this());
   const std::weak_ptr<Screen> self = weak_from_this();
   present(std::move(secondLayer),

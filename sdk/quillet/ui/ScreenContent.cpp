@@ -22,4 +22,14 @@ std::vector<std::int64_t> ScreenContent::specialFeatureKeys() const {
   return gvl ? VendorList::specialFeatureKeys(*gvl) : std::vector<std::int64_t>{};
 }
 
+ScreenContent ScreenContent::withWholeList() const {
+  ScreenContent out = *this;
+  if (!wholeGvl) return out;
+  out.gvl = wholeGvl();
+  out.rawVendors = out.gvl ? VendorList::entriesOf(out.gvl, vendors.get())
+                           : std::vector<std::shared_ptr<const boost::json::object>>{};
+  out.wholeGvl = nullptr;
+  return out;
+}
+
 }  // namespace quillet

@@ -31,6 +31,9 @@ struct QUILLET_EXPORT ScreenContent {
   std::optional<ConsentSelections> initialSelections;
   /// The facade's consent-action handler, which the second layer's buttons call.
   std::function<void(const ConsentAction&)> handleConsentAction;
+  /// Set while `gvl` and `rawVendors` are those of the vendor list's start document, which has
+  /// all that the banner reads: gives the whole list, waiting while it is read.
+  std::function<std::shared_ptr<const boost::json::object>()> wholeGvl;
 
   /// The ids of `purposes` and of `vendors`, in their order.
   std::vector<std::int64_t> purposeIds() const;
@@ -38,6 +41,9 @@ struct QUILLET_EXPORT ScreenContent {
   /// The special feature ids the accept-all and reject-all buttons set: the integer keys of the
   /// vendor list's "specialFeatures" object, ascending; none when it is not an object.
   std::vector<std::int64_t> specialFeatureKeys() const;
+  /// This content with `gvl` and `rawVendors` from the whole vendor list, for every screen but
+  /// the banner; a copy of itself when it has the whole list already.
+  ScreenContent withWholeList() const;
 };
 
 }  // namespace quillet
