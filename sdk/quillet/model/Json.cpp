@@ -12,11 +12,12 @@
 #include <sys/mman.h>
 #endif
 
-#include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/memory_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/stream_parser.hpp>
+
+#include "quillet/model/JsonPieces.h"
 
 namespace quillet::Json {
 namespace {
@@ -409,16 +410,8 @@ std::size_t DocumentReader::blockBytes() const noexcept {
 
 namespace {
 
-// The events of a parse with nothing built; the limits are those of the document model, so that
-// a text passes exactly when a parse into values would succeed.
-struct TopValueIsObject {
-  static constexpr std::size_t max_object_size = boost::json::object::max_size();
-  static constexpr std::size_t max_array_size = boost::json::array::max_size();
-  static constexpr std::size_t max_key_size = boost::json::string::max_size();
-  static constexpr std::size_t max_string_size = boost::json::string::max_size();
-  using error_code = boost::json::error_code;
-  using string_view = boost::json::string_view;
-
+// The events of a parse with nothing built.
+struct TopValueIsObject : DocumentModelHandler {
   std::optional<bool> object;  // whether the first value to begin is an object
 
   bool begun(bool isObject) {
@@ -448,32 +441,18 @@ struct TopValueIsObject {
 }  // namespace
 
 struct ObjectTextCheck::State {
-  // The options of `DocumentReader`'s parser, which takes the defaults.
-  boost::json::basic_parser<TopValueIsObject> parser{boost::json::parse_options{}};
-  bool failed = false;
+  PieceParser<TopValueIsObject> parser;
 };
 
 ObjectTextCheck::ObjectTextCheck() : state_(std::make_unique<State>()) {}
 ObjectTextCheck::~ObjectTextCheck() = default;
 
 bool ObjectTextCheck::read(std::string_view piece) {
-  if (state_->failed) return false;
-  boost::system::error_code error;
-  const std::size_t used = state_->parser.write_some(true, piece.data(), piece.size(), error);
-  // Text after a whole document fails, as it does for the document parser.
-  state_->failed = error || used < piece.size();
-  return !state_->failed;
+  return state_->parser.read(piece);
 }
 
 bool ObjectTextCheck::finish() {
-  bool object = false;
-  if (!state_->failed) {
-    boost::system::error_code error;
-    state_->parser.write_some(false, nullptr, 0, error);
-    object = !error && state_->parser.handler().object.value_or(false);
-  }
-  state_->failed = true;
-  return object;
+  return state_->parser.finish() && state_->parser.handler().object.value_or(false);
 }
 
 std::string print(const boost::json::value& value) {

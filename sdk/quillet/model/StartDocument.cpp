@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <string>
 
-#include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/value_stack.hpp>
 
 #include "quillet/model/Json.h"
+#include "quillet/model/JsonPieces.h"
 
 namespace quillet::VendorList {
 namespace {
@@ -52,16 +52,9 @@ bool keptEntryMember(std::string_view key) noexcept {
 }
 
 // Builds the start document on a value stack, as Boost.JSON's own parser builds a whole one, and
-// leaves out what the start does not read. The limits are those of the document model.
-class StartHandler {
+// leaves out what the start does not read.
+class StartHandler : public Json::DocumentModelHandler {
  public:
-  static constexpr std::size_t max_object_size = boost::json::object::max_size();
-  static constexpr std::size_t max_array_size = boost::json::array::max_size();
-  static constexpr std::size_t max_key_size = boost::json::string::max_size();
-  static constexpr std::size_t max_string_size = boost::json::string::max_size();
-  using error_code = boost::json::error_code;
-  using string_view = boost::json::string_view;
-
   explicit StartHandler(boost::json::storage_ptr storage) { stack_.reset(std::move(storage)); }
 
   boost::json::value release() { return stack_.release(); }
@@ -241,11 +234,10 @@ class StartHandler {
 struct StartDocumentReader::State {
   explicit State(std::size_t expectedTextBytes)
       // The start document takes about a third of what the whole one would.
-      : storage(expectedTextBytes / 3), parser(boost::json::parse_options{}, storage.storage()) {}
+      : storage(expectedTextBytes / 3), parser(storage.storage()) {}
 
   Json::DocumentStorage storage;
-  boost::json::basic_parser<StartHandler> parser;
-  bool failed = false;
+  Json::PieceParser<StartHandler> parser;
 };
 
 StartDocumentReader::StartDocumentReader(std::size_t expectedTextBytes)
@@ -253,22 +245,12 @@ StartDocumentReader::StartDocumentReader(std::size_t expectedTextBytes)
 StartDocumentReader::~StartDocumentReader() = default;
 
 bool StartDocumentReader::read(std::string_view piece) {
-  if (state_->failed) return false;
-  boost::system::error_code error;
-  const std::size_t used = state_->parser.write_some(true, piece.data(), piece.size(), error);
-  // Text after a whole document fails, as it does for the document reader.
-  state_->failed = error || used < piece.size();
-  return !state_->failed;
+  return state_->parser.read(piece);
 }
 
 std::optional<boost::json::value> StartDocumentReader::finish() {
   std::optional<boost::json::value> value;
-  if (!state_->failed) {
-    boost::system::error_code error;
-    state_->parser.write_some(false, nullptr, 0, error);
-    if (!error) value = state_->parser.handler().release();
-  }
-  state_->failed = true;
+  if (state_->parser.finish()) value = state_->parser.handler().release();
   state_->storage.seal();
   return value;
 }
