@@ -85,6 +85,9 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
 
   std::optional<std::string> settingsId() const;
   std::optional<BrandingConfig> config() const;
+  /// The vendor list in use, whole. A start that reads the list from the store shows its banner
+  /// first and reads the whole list right after; until then, this and `rawVendors` wait for it
+  /// (a few milliseconds), or read it themselves when asked first.
   std::shared_ptr<const boost::json::object> gvl() const;
   std::vector<PurposeModel> purposes() const;
   std::vector<VendorModel> vendors() const;
