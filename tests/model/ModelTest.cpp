@@ -339,5 +339,22 @@ TEST(Model, TheStartDocumentReadsAsTheWholeOne) {
             R"({"privacy":"q"},{}]}}})");
 }
 
+TEST(Model, SharedFactsAreReadOnceForEachDocument) {
+  const auto document = [](const char* text) {
+    return std::make_shared<const boost::json::object>(Json::parse(text)->as_object());
+  };
+  const auto one = document(R"({"vendors": {"1": {"purposes": [1]}}, "vendorListVersion": 3})");
+  const auto two = document(R"({"vendors": {"2": {}, "5": {}}})");
+  const auto first = VendorList::sharedFacts(one);
+  EXPECT_EQ(VendorList::sharedFacts(one), first);
+  EXPECT_EQ(VendorList::sharedFacts(two)->vendorIds, (std::vector<std::int64_t>{2, 5}));
+  EXPECT_EQ(VendorList::sharedFacts(one)->vendorIds, std::vector<std::int64_t>{1});
+  EXPECT_EQ(VendorList::sharedFacts(one)->vendorListVersion, 3);
+  // A pointer into a document shares its ownership but is another document.
+  const std::shared_ptr<const boost::json::object> vendors(one, &one->at("vendors").as_object());
+  EXPECT_TRUE(VendorList::sharedFacts(vendors)->vendorIds.empty());
+  EXPECT_EQ(VendorList::sharedFacts(nullptr), nullptr);
+}
+
 }  // namespace
 }  // namespace quillet

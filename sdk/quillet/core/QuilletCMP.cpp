@@ -92,7 +92,7 @@ struct QuilletCMP::Loaded {
   BrandingConfig config;
   Document gvl;
   std::shared_ptr<WholeList> whole;  // set while `gvl` is a start document
-  VendorList::Facts facts;
+  std::shared_ptr<const VendorList::Facts> facts;  // never null
   SharedList<PurposeModel> purposes;
   SharedList<VendorModel> vendors;
   SharedList<std::shared_ptr<const boost::json::object>> rawVendors;
@@ -227,11 +227,11 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
                                     const std::shared_ptr<const boost::json::object>& gvl,
                                     std::shared_ptr<const std::string> wholeText) {
   if (!config || !gvl) return;
-  VendorList::Facts facts = VendorList::facts(*gvl);
-  if (facts.largestVendorId() > QLTCMPUtils::kLargestVendorId) {
+  std::shared_ptr<const VendorList::Facts> facts = VendorList::sharedFacts(gvl);
+  if (facts->largestVendorId() > QLTCMPUtils::kLargestVendorId) {
     // No string can record a choice on this list as it is made: the facade keeps what it had.
     QltLog::e(kTag, [&] {
-      return "Vendor list not applied: vendor id " + std::to_string(facts.largestVendorId()) +
+      return "Vendor list not applied: vendor id " + std::to_string(facts->largestVendorId()) +
              " is above " + std::to_string(QLTCMPUtils::kLargestVendorId) +
              ", the largest a TC String can name";
     });
@@ -284,7 +284,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     NestedConsentFlags legIntOn;
     legIntOn.reserve(loaded->sortedVendorIds.size());
     for (const auto vendorId : loaded->sortedVendorIds) {
-      const auto legInt = loaded->facts.declared(vendorId, VendorList::Facts::List::legIntPurposes);
+      const auto legInt = loaded->facts->declared(vendorId, VendorList::Facts::List::legIntPurposes);
       if (!legInt) continue;
       ConsentFlags on;
       on.reserve(legInt->size());
@@ -297,7 +297,7 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     }
     PendingConsentStore::shared().replaceLiPurposeConsent(std::move(legIntOn));
   }
-  syncStores(loaded->sortedPurposeIds, loaded->sortedVendorIds, loaded->facts);
+  syncStores(loaded->sortedPurposeIds, loaded->sortedVendorIds, *loaded->facts);
   if (stored) updateGoogleConsentModeFromTCString(*stored);
 }
 
@@ -350,7 +350,7 @@ void QuilletCMP::openSecondLayer() {
   if (!host || !host->canPresent()) return;
   const Snapshot s = snapshot();
   if (!s.loaded) return;
-  syncStores(s.loaded->sortedPurposeIds, s.loaded->sortedVendorIds, s.loaded->facts);
+  syncStores(s.loaded->sortedPurposeIds, s.loaded->sortedVendorIds, *s.loaded->facts);
   host->present(std::make_shared<SecondLayerViewController>(screenContent(s).withWholeList()),
                 Presentation{PresentationStyle::fullScreen, Transition::coverVertical, true});
 }
@@ -433,7 +433,7 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
   const ConsentFlags specialFeatureMasters =
       custom ? SpecialFeatureConsentStore::shared().masterStates() : ConsentFlags{};
   const ConsentDecision::Decision decision =
-      ConsentDecision::decide(action, {.facts = loaded.facts,
+      ConsentDecision::decide(action, {.facts = *loaded.facts,
                                        .purposeIds = loaded.purposeIds,
                                        .vendorIds = loaded.decisionVendorIds,
                                        .publisherCC = loaded.config.publisherCC(),
@@ -477,7 +477,7 @@ void QuilletCMP::handleConsentAction(const ConsentAction& action) {
     QLTAPIServer::postConsent(tcString, *s.settingsId, decision.eventType, std::nullopt);
   }
 
-  syncStores(loaded.sortedPurposeIds, loaded.sortedDecisionVendorIds, loaded.facts);
+  syncStores(loaded.sortedPurposeIds, loaded.sortedDecisionVendorIds, *loaded.facts);
   std::function<void(const std::string&)> stored;
   {
     std::lock_guard lock(mutex_);
@@ -502,7 +502,7 @@ void QuilletCMP::syncStoresFromStoredTCString(const std::set<std::int64_t>& purp
   const Ids purposes(purposeIds.begin(), purposeIds.end());
   const Ids vendors(vendorIds.begin(), vendorIds.end());
   if (loaded && loaded->gvl.get() == &gvl) {
-    syncStores(purposes, vendors, loaded->facts);
+    syncStores(purposes, vendors, *loaded->facts);
   } else {
     syncStores(purposes, vendors, VendorList::facts(gvl));
   }
@@ -534,7 +534,7 @@ std::optional<std::string> QuilletCMP::makeTCStringRejectAll() {
   if (!ensureConfigLoaded()) return std::nullopt;
   const auto loaded = snapshot().loaded;
   if (!loaded) return std::nullopt;
-  const VendorList::Facts* const facts = &loaded->facts;
+  const VendorList::Facts* const facts = loaded->facts.get();
   return QLTCMPUtils::encodeTCString(
       QLTCMPUtils::TCStringInput{
           .gvlVendorIds = facts->vendorIds,

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <iterator>
+#include <mutex>
 
 #include "quillet/base/NeverDestroyed.h"
 #include "quillet/base/Text.h"
@@ -109,6 +110,34 @@ Facts facts(const boost::json::object& gvl) {
           static_cast<std::uint32_t>(i + 1);
   }
   return out;
+}
+
+std::shared_ptr<const Facts> sharedFacts(const std::shared_ptr<const boost::json::object>& gvl) {
+  if (!gvl) return nullptr;
+  struct Memo {
+    std::mutex mutex;
+    // The owner and the address: an entry that shares its list's ownership is not its list.
+    std::weak_ptr<const boost::json::object> owner;
+    const boost::json::object* document = nullptr;
+    std::shared_ptr<const Facts> facts;
+  };
+  static Memo* const memo = new Memo;  // outlives threads
+  // A weak owner that is still held never names a later document: its control block lives on.
+  const auto holds = [&] {
+    return memo->document == gvl.get() && !memo->owner.owner_before(gvl) &&
+           !gvl.owner_before(memo->owner);
+  };
+  {
+    std::lock_guard lock(memo->mutex);
+    if (holds()) return memo->facts;
+  }
+  auto read = std::make_shared<const Facts>(facts(*gvl));
+  std::lock_guard lock(memo->mutex);
+  if (holds()) return memo->facts;
+  memo->owner = gvl;
+  memo->document = gvl.get();
+  memo->facts = read;
+  return read;
 }
 
 std::optional<std::span<const std::int64_t>> Facts::declared(std::int64_t vendorId,

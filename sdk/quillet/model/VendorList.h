@@ -55,6 +55,10 @@ struct Facts {
 
 Facts facts(const boost::json::object& gvl);
 
+/// `facts(*gvl)`, read once for a document that several starts share (a list kept in memory): the
+/// last document asked about keeps its facts while it lives. Thread-safe; nullptr for no document.
+std::shared_ptr<const Facts> sharedFacts(const std::shared_ptr<const boost::json::object>& gvl);
+
 /// The id of a vendor list entry: its "id" when that is an exact integer, else its member key
 /// read as a decimal integer, else 0.
 std::int64_t entryId(const boost::json::object& entry, std::string_view key);

@@ -12,6 +12,7 @@
 #include "quillet/base/QltLog.h"
 #include "quillet/base/Uuid.h"
 #include "quillet/model/Json.h"
+#include "quillet/model/VendorList.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/Url.h"
 #include "quillet/storage/ConsentStorage.h"
@@ -323,6 +324,8 @@ void initializeCache() {
   if (cachedGVL()) return;
   VendorList stored = storedGVL();
   if (!stored) return;
+  // A start that uses this list finds its facts read.
+  quillet::VendorList::sharedFacts(stored);
   State& s = state();
   std::lock_guard lock(s.mutex);
   if (!s.cachedGVL) s.cachedGVL = std::move(stored);

@@ -47,7 +47,8 @@ QUILLET_EXPORT void fetchBrandingConfig(
 /// keeps it as the cached vendor list and completes with it; stores nothing persistently.
 QUILLET_EXPORT void fetchGVL(std::function<void(VendorList)> completion);
 
-/// Fills the in-memory vendor list from the stored one when it is empty.
+/// Fills the in-memory vendor list from the stored one when it is empty, and reads what every start
+/// reads of it, so that a start that uses it does less.
 QUILLET_EXPORT void initializeCache();
 /// Empties the in-memory vendor list and configuration; the store is not touched.
 QUILLET_EXPORT void clearCache();
