@@ -19,10 +19,12 @@ steps=(
   "from the configuration's arrival on, HTTP thread|QLTAPIServer::\(anonymous namespace\)::downloadConfig\("
   "  reading the stored vendor list's start document|quillet::ConsentStorage::loadStartGVL\(\)"
   "  applying configuration and vendor list|quillet::QuilletCMP::applyFetchedConfig\("
-  "    vendor models|quillet::VendorModel::parse\("
+  "    vendor ids (the models follow the banner)|quillet::VendorModels::outline\("
   "    vendor list facts|quillet::VendorList::facts\("
   "    raw vendor entries|quillet::VendorList::entriesOf\("
-  "after the banner: the whole stored list, HTTP thread|quillet::QuilletCMP::completeList\("
+  "after the banner, HTTP thread|quillet::QuilletCMP::completeStart\("
+  "  vendor models|quillet::VendorModels::models\("
+  "  the whole stored list|quillet::\(anonymous namespace\)::WholeList::get\("
   "the banner's document, main thread|quillet::CMPBannerViewController::document"
 )
 
@@ -36,10 +38,10 @@ for mode in 0 1; do
     --benchmark_min_time=0 > /dev/null 2>&1
   callgrind_annotate --inclusive=yes --threshold=100 "$out" > "$out.txt" 2> /dev/null
   echo "start-up, cacheFilledAtLaunch:$mode (instructions, one start)"
-  # The whole list that a start from the store reads after its banner is counted on the HTTP
-  # thread but is no part of the way to the banner.
+  # What the HTTP thread does after the banner (the vendor models, and for a start from the
+  # store the whole list) is no part of the way to the banner.
   total=$(grep -m1 'PROGRAM TOTALS' "$out.txt" | awk '{print $1}' | tr -d ,)
-  after=$(grep -m1 -E 'quillet::QuilletCMP::completeList\(' "$out.txt" | awk '{print $1}' |
+  after=$(grep -m1 -E 'quillet::QuilletCMP::completeStart\(' "$out.txt" | awk '{print $1}' |
     tr -d , || true)
   printf '  %-62s %12s\n' "the steps below, together, to the banner" \
     "$(echo $((total - ${after:-0})) | sed ':a;s/\B[0-9]\{3\}\>/,&/;ta')"

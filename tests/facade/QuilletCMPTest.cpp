@@ -316,6 +316,8 @@ TEST_F(Facade, TheRealVendorListsBannerAndStrings) {
     facade_->initialize("pub");
     EXPECT_TRUE(facade_->ensureConfigLoaded());
     EXPECT_EQ(facade_->vendors().size(), shown) << config;
+    EXPECT_EQ(facade_->rawVendors().size(), shown) << config;
+    EXPECT_EQ(facade_->purposes().empty(), shown == 0) << config;
     facade_->handleConsentAction(action);
     strings +=
         std::string(config) + "\n" + store_->readString(StorageKeys::tcString).value() + "\n";

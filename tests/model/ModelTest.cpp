@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "quillet/base/IdList.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/ConsentSelections.h"
 #include "quillet/model/DeviceStorageDisclosure.h"
@@ -12,6 +13,7 @@
 #include "quillet/model/StartDocument.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
+#include "quillet/model/VendorModelStart.h"
 
 #include "support/LogCapture.h"
 #include "support/TestData.h"
@@ -144,6 +146,30 @@ void expectRawEntries(const boost::json::object& json, const std::vector<VendorM
   }
 }
 
+// A start's two steps give what `parse` gives: the ids and declared purposes first, with the log
+// lines `parse` writes, then the models, with none.
+void expectTwoSteps(const boost::json::object& json, testing::LogCapture& log) {
+  const auto config = BrandingConfig::init(json).value();
+  log.clear();
+  const auto parsed = VendorModel::parse(json, config);
+  const auto parseLines = log.lines();
+  log.clear();
+  const auto outline = VendorModels::outline(json, config.selectedVendorIds());
+  EXPECT_EQ(log.lines(), parseLines);
+  std::vector<std::int64_t> ids;
+  std::vector<std::int64_t> declared;
+  for (const auto& vendor : parsed) {
+    ids.push_back(vendor.id());
+    declared.insert(declared.end(), vendor.purposes().begin(), vendor.purposes().end());
+    declared.insert(declared.end(), vendor.legIntPurposes().begin(), vendor.legIntPurposes().end());
+  }
+  EXPECT_EQ(outline.ids, ids);
+  EXPECT_EQ(outline.declaredPurposes, IdList::sortedUnique(declared));
+  log.clear();
+  EXPECT_EQ(VendorModels::models(json, config.selectedVendorIds()), parsed);
+  EXPECT_TRUE(log.lines().empty());
+}
+
 std::string facts(const boost::json::object& json) {
   const auto f = VendorList::facts(json);
   return "vendors " + text(f.vendorIds) + " largest " + std::to_string(f.largestVendorId()) +
@@ -182,7 +208,7 @@ TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
       all += disclosure(DeviceStorageDisclosure::decode(testing::testdataText(kind.substr(16))));
       continue;
     }
-    const testing::LogCapture log;
+    testing::LogCapture log;
     if (kind == "disclosure") {
       all += disclosure(DeviceStorageDisclosure::decode(body));
     } else if (kind == "keyed purpose" || kind == "keyed vendor") {
@@ -208,6 +234,7 @@ TEST(Model, EveryDocumentReadsAsItsGoldenRecords) {
     }
     for (const auto& line : log.lines())
       all += "log " + line + "\n";
+    if (kind == "vendors") expectTwoSteps(testing::jsonObject(body), log);
   }
   EXPECT_TRUE(testing::matchesGolden("model-documents.txt", all));
   EXPECT_FALSE(Json::parse("{} trailing") || Json::parse("") || Json::parse("{"));

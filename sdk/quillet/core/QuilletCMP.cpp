@@ -17,6 +17,7 @@
 #include "quillet/core/GoogleConsentMode.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
+#include "quillet/model/VendorModelStart.h"
 #include "quillet/network/QLTAPIServer.h"
 #include "quillet/network/QLTAPIServerStart.h"
 #include "quillet/state/PendingConsentStore.h"
@@ -151,7 +152,7 @@ std::vector<std::shared_ptr<const boost::json::object>> QuilletCMP::rawVendors()
   if (!loaded) return {};
   if (!loaded->whole) return loaded->rawVendors.get();
   const Document whole = loaded->wholeGvl();
-  return whole ? VendorList::entriesOf(whole, loaded->vendors.get())
+  return whole ? VendorList::entriesOf(whole, loaded->vendorIds)
                : std::vector<std::shared_ptr<const boost::json::object>>{};
 }
 bool QuilletCMP::isConfigLoaded() const {
@@ -197,28 +198,34 @@ void QuilletCMP::fetch(std::function<void()> continuation) {
   }
   QLTAPIServer::fetchBannerConfigAndMaybeStartGVL(
       *id, [self = weak_from_this(), continuation = std::move(continuation)](
-               std::optional<BrandingConfig> config, const QLTAPIServer::StartList& list) {
+               std::optional<BrandingConfig> config, QLTAPIServer::StartList list) {
         const auto facade = self.lock();
         if (facade) facade->applyFetchedConfig(std::move(config), list.list, list.text);
         continuation();
-        // The banner is on its way; what reads more of the list than the banner gets it whole.
-        // On one core, the main thread that the banner was posted to goes first.
-        if (facade && list.text) {
+        // The banner is on its way; what it does not read is made now. On one core, the main
+        // thread that the banner was posted to goes first.
+        if (facade) {
           std::this_thread::yield();
-          facade->completeList(list.list);
+          list.text.reset();
+          facade->completeStart(std::move(list.list));
         }
       });
 }
 
-void QuilletCMP::completeList(const std::shared_ptr<const boost::json::object>& start) {
+void QuilletCMP::completeStart(std::shared_ptr<const boost::json::object>&& list) {
+  // When the start's own reference is the last one, the list goes here, after the banner.
+  const std::shared_ptr<const boost::json::object> held = std::move(list);
   const auto current = snapshot().loaded;
-  if (!current || current->gvl != start || !current->whole) return;
+  if (!current || current->gvl != held) return;
+  current->vendors.get();  // the vendor models
+  // What reads more of a start document than the banner gets the whole list.
+  if (!current->whole) return;
   const Document whole = current->whole->get();
   if (!whole) return;
   auto next = std::make_shared<Loaded>(*current);
   next->gvl = whole;
   next->whole = nullptr;
-  next->rawVendors = VendorList::entriesOf(whole, current->vendors.get());
+  next->rawVendors = VendorList::entriesOf(whole, current->vendorIds);
   std::lock_guard lock(mutex_);
   if (loaded_ == current) loaded_ = std::move(next);
 }
@@ -238,38 +245,36 @@ void QuilletCMP::applyFetchedConfig(std::optional<BrandingConfig> config,
     return;
   }
   std::vector<PurposeModel> purposes = PurposeModel::parse(*gvl);
-  std::vector<VendorModel> vendors = VendorModel::parse(*gvl, *config);
+  // The models' ids now; the models themselves when first read, which the start's banner does not.
+  VendorModels::Outline vendors = VendorModels::outline(*gvl, config->selectedVendorIds());
 
   // Parsing keeps only the vendors the configuration selects, or all of them when it names none;
   // an empty selection selects none.
-  if (const auto& selected = config->selectedVendorIds(); selected && selected->empty()) {
-    vendors.clear();
-  }
-  IdList::Gatherer declared;
-  for (const auto& vendor : vendors) {
-    for (const std::int64_t id : vendor.purposes())
-      declared.add(id);
-    for (const std::int64_t id : vendor.legIntPurposes())
-      declared.add(id);
-  }
-  const Ids declaredPurposes = std::move(declared).sorted();
+  const auto& selection = config->selectedVendorIds();
+  const bool selectsNone = selection && selection->empty();
+  if (selectsNone) vendors = {};
   std::erase_if(purposes, [&](const PurposeModel& purpose) {
-    return !contains(declaredPurposes, purpose.id());
+    return !contains(vendors.declaredPurposes, purpose.id());
   });
 
   auto loaded = std::make_shared<Loaded>(std::move(*config));
-  loaded->rawVendors = VendorList::entriesOf(gvl, vendors);
+  loaded->vendorIds = std::move(vendors.ids);
+  loaded->rawVendors = VendorList::entriesOf(gvl, loaded->vendorIds);
+  if (!selectsNone) {
+    loaded->vendors = SharedList<VendorModel>::deferred(
+        loaded->vendorIds.size(),
+        [gvl, selection = loaded->config.selectedVendorIds()] {
+          return VendorModels::models(*gvl, selection);
+        });
+  }
   for (const auto& purpose : purposes)
     loaded->purposeIds.push_back(purpose.id());
-  for (const auto& vendor : vendors)
-    loaded->vendorIds.push_back(vendor.id());
   loaded->sortedPurposeIds = sortedUnique(loaded->purposeIds);
   loaded->sortedVendorIds = sortedUnique(loaded->vendorIds);
   const auto& selected = loaded->config.selectedVendorIds();
   loaded->decisionVendorIds = selected ? *selected : loaded->vendorIds;
   loaded->sortedDecisionVendorIds = sortedUnique(loaded->decisionVendorIds);
   loaded->purposes = std::move(purposes);
-  loaded->vendors = std::move(vendors);
   loaded->gvl = gvl;
   if (wholeText) loaded->whole = std::make_shared<WholeList>(std::move(wholeText));
   loaded->facts = std::move(facts);

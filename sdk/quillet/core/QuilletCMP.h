@@ -104,8 +104,9 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   void applyFetchedConfig(std::optional<BrandingConfig> config,
                           const std::shared_ptr<const boost::json::object>& gvl,
                           std::shared_ptr<const std::string> wholeText);
-  // Replaces the start document `start`, when it is still the one loaded, with its whole list.
-  void completeList(const std::shared_ptr<const boost::json::object>& start);
+  // While `list` is still the one loaded, makes its vendor models and, when it is a start
+  // document, replaces it with its whole list.
+  void completeStart(std::shared_ptr<const boost::json::object>&& list);
   void presentBannerForStartup(std::function<void()> completion);
   // Presents the first-layer banner on the main queue; `onFinished` runs once the user decided.
   void presentBanner(std::function<void()> onFinished);

@@ -213,16 +213,25 @@ std::vector<const boost::json::object*> specialFeatures(const boost::json::objec
 std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
     const std::shared_ptr<const boost::json::object>& gvl,
     const std::vector<VendorModel>& vendors) {
+  std::vector<std::int64_t> ids;
+  ids.reserve(vendors.size());
+  for (const auto& vendor : vendors)
+    ids.push_back(vendor.id());
+  return entriesOf(gvl, ids);
+}
+
+std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+    const std::shared_ptr<const boost::json::object>& gvl, std::span<const std::int64_t> ids) {
   std::vector<std::shared_ptr<const boost::json::object>> entries;
   if (!gvl) return entries;
   const boost::json::object& all = VendorList::vendors(*gvl);
-  entries.reserve(vendors.size());
+  entries.reserve(ids.size());
   // Models keep the members' order, so a vendor's entry is usually the member after the last one
   // found; keys are unique, so that member is the one a look-up would find.
   auto next = all.begin();
-  for (const auto& vendor : vendors) {
+  for (const auto id : ids) {
     Digits digits{};
-    const std::string_view key = decimal(vendor.id(), digits);
+    const std::string_view key = decimal(id, digits);
     const auto found = next != all.end() && next->key() == key ? next : all.find(key);
     const boost::json::value* value = nullptr;
     if (found != all.end()) {

@@ -91,5 +91,8 @@ std::vector<const boost::json::object*> specialFeatures(const boost::json::objec
 /// empty for a vendor without an entry under its decimal id (whose "id" member names another).
 std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
     const std::shared_ptr<const boost::json::object>& gvl, const std::vector<VendorModel>& vendors);
+/// `entriesOf` for the vendors with these ids, in this order.
+std::vector<std::shared_ptr<const boost::json::object>> entriesOf(
+    const std::shared_ptr<const boost::json::object>& gvl, std::span<const std::int64_t> ids);
 
 }  // namespace quillet::VendorList

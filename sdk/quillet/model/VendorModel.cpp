@@ -9,6 +9,7 @@
 #include "quillet/model/Json.h"
 #include "quillet/model/KeyedDecoder.h"
 #include "quillet/model/VendorList.h"
+#include "quillet/model/VendorModelStart.h"
 
 namespace quillet {
 namespace {
@@ -82,27 +83,32 @@ VendorModel::VendorModel(std::int64_t id, std::string name, std::optional<std::s
       purposes_(std::move(purposes)),
       legIntPurposes_(std::move(legIntPurposes)) {}
 
-std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
-                                            const BrandingConfig& config) {
+namespace {
+
+// The walk that `parse` and a start's two steps share: `visit(id, name, members)` for each vendor
+// that `parse` keeps, in member order, with the log lines `parse` writes when `log` is set.
+template <class Visit>
+void forEachVendor(const boost::json::object& from,
+                   const std::optional<std::vector<std::int64_t>>& selection, bool log,
+                   Visit&& visit) {
   const boost::json::object* vendors = Json::object(Json::member(from, "vendors"));
   if (vendors == nullptr) {
-    QltLog::e(kTag, "GVL missing 'vendors' key");
-    return {};
+    if (log) QltLog::e(kTag, "GVL missing 'vendors' key");
+    return;
   }
   const std::vector<std::int64_t> allowed =
-      IdList::sortedUnique(config.selectedVendorIds().value_or(std::vector<std::int64_t>{}));
+      IdList::sortedUnique(selection.value_or(std::vector<std::int64_t>{}));
   const auto isAllowed = [&](std::int64_t id) { return IdList::contains(allowed, id); };
-  QltLog::d(kTag, [&] { return "Allowed Vendor IDs: " + Text::printedList(allowed); });
-  QltLog::d(kTag, [&] {
-    std::vector<std::string_view> keys;
-    keys.reserve(vendors->size());
-    for (const auto& member : *vendors)
-      keys.emplace_back(member.key());
-    return "Vendors raw keys: " + Text::printedList(keys);
-  });
-
-  std::vector<VendorModel> parsed;
-  parsed.reserve(allowed.empty() ? vendors->size() : allowed.size());
+  if (log) {
+    QltLog::d(kTag, [&] { return "Allowed Vendor IDs: " + Text::printedList(allowed); });
+    QltLog::d(kTag, [&] {
+      std::vector<std::string_view> keys;
+      keys.reserve(vendors->size());
+      for (const auto& member : *vendors)
+        keys.emplace_back(member.key());
+      return "Vendors raw keys: " + Text::printedList(keys);
+    });
+  }
   for (const auto& member : *vendors) {
     const boost::json::object* entry = member.value().if_object();
     if (entry == nullptr) continue;
@@ -110,21 +116,72 @@ std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
     const std::int64_t id = VendorList::entryId(members.id, member.key());
     if (!allowed.empty() && !isAllowed(id)) continue;
     const std::string_view name = Json::string(members.name).value_or("");
-    std::optional<std::string> policyUrl = policyAddress(members);
     // "allowed" is whether the selection names the vendor: false for every vendor when there is
     // no selection, although all of them are kept.
-    QltLog::d(kTag, [&] {
-      return "Vendor parsed: id=" + std::to_string(id) + ", name=" + std::string(name) +
-             ", allowed=" + (isAllowed(id) ? "true" : "false") + ", url=" + policyUrl.value_or("");
-    });
+    if (log) {
+      QltLog::d(kTag, [&] {
+        return "Vendor parsed: id=" + std::to_string(id) + ", name=" + std::string(name) +
+               ", allowed=" + (isAllowed(id) ? "true" : "false") +
+               ", url=" + policyAddress(members).value_or("");
+      });
+    }
     if (name.empty()) continue;
-    parsed.emplace_back(
-        id, std::string(name), std::move(policyUrl),
-        Json::exactIntegerArray(members.purposes).value_or(std::vector<std::int64_t>{}),
-        Json::exactIntegerArray(members.legIntPurposes).value_or(std::vector<std::int64_t>{}));
+    visit(id, name, members);
   }
+}
+
+std::vector<VendorModel> parseModels(const boost::json::object& from,
+                                     const std::optional<std::vector<std::int64_t>>& selection,
+                                     bool log) {
+  std::vector<VendorModel> parsed;
+  if (const auto* vendors = Json::object(Json::member(from, "vendors"))) {
+    parsed.reserve(selection && !selection->empty() ? selection->size() : vendors->size());
+  }
+  forEachVendor(from, selection, log,
+                [&](std::int64_t id, std::string_view name, const VendorMembers& members) {
+                  parsed.emplace_back(id, std::string(name), policyAddress(members),
+                                      Json::exactIntegerArray(members.purposes)
+                                          .value_or(std::vector<std::int64_t>{}),
+                                      Json::exactIntegerArray(members.legIntPurposes)
+                                          .value_or(std::vector<std::int64_t>{}));
+                });
   return parsed;
 }
+
+}  // namespace
+
+std::vector<VendorModel> VendorModel::parse(const boost::json::object& from,
+                                            const BrandingConfig& config) {
+  return parseModels(from, config.selectedVendorIds(), true);
+}
+
+namespace VendorModels {
+
+Outline outline(const boost::json::object& from,
+                const std::optional<std::vector<std::int64_t>>& selection) {
+  Outline out;
+  IdList::Gatherer declared;
+  std::vector<std::int64_t> list;  // one buffer for every vendor's declared lists
+  forEachVendor(from, selection, true,
+                [&](std::int64_t id, std::string_view, const VendorMembers& members) {
+                  out.ids.push_back(id);
+                  for (const auto* value : {members.purposes, members.legIntPurposes}) {
+                    list.clear();
+                    if (!Json::appendExactIntegerArray(value, list)) continue;
+                    for (const auto purpose : list)
+                      declared.add(purpose);
+                  }
+                });
+  out.declaredPurposes = std::move(declared).sorted();
+  return out;
+}
+
+std::vector<VendorModel> models(const boost::json::object& from,
+                                const std::optional<std::vector<std::int64_t>>& selection) {
+  return parseModels(from, selection, false);
+}
+
+}  // namespace VendorModels
 
 boost::json::object VendorModel::toJson() const {
   boost::json::object json;
