@@ -1,14 +1,17 @@
 // The configuration and vendor list readers from arbitrary JSON bytes: the input is a
 // configuration and a vendor list separated by a line "--". Every record read survives keyed
 // encoding and decoding unchanged, and the vendor list's start document is read as the whole
-// list is: it takes the same texts and gives the same facts, records, entries and stacks.
+// list is: it takes the same texts and gives the same facts, records, entries and stacks; a
+// start's two steps over the vendors read them as the one parse does.
 
+#include "quillet/base/IdList.h"
 #include "quillet/model/BrandingConfig.h"
 #include "quillet/model/Json.h"
 #include "quillet/model/PurposeModel.h"
 #include "quillet/model/StartDocument.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/model/VendorModel.h"
+#include "quillet/model/VendorModelStart.h"
 
 #include "FuzzInput.h"
 
@@ -75,9 +78,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::fail("the start document reads otherwise than the whole list");
   for (const auto& purpose : PurposeModel::parse(gvl))
     roundTrip(purpose);
-  for (const auto& vendor : VendorModel::parse(gvl, config)) {
+  const auto vendors = VendorModel::parse(gvl, config);
+  IdList::Gatherer declared;
+  std::vector<std::int64_t> ids;
+  for (const auto& vendor : vendors) {
     if (vendor.name().empty()) fuzz::fail("a parsed vendor without a name");
     roundTrip(vendor);
+    ids.push_back(vendor.id());
+    for (const auto& list : {vendor.purposes(), vendor.legIntPurposes()}) {
+      for (const auto purpose : list)
+        declared.add(purpose);
+    }
+  }
+  // A start's two steps: the ids and declared purposes, then the models.
+  const auto outline = VendorModels::outline(gvl, config.selectedVendorIds());
+  if (outline.ids != ids || outline.declaredPurposes != std::move(declared).sorted() ||
+      VendorModels::models(gvl, config.selectedVendorIds()) != vendors) {
+    fuzz::fail("a start's two steps read the vendors otherwise than parse");
   }
   // The keyed decoders on whatever the second document is.
   (void)PurposeModel::fromJson(*gvlJson);
