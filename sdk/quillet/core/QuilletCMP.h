@@ -90,6 +90,8 @@ class QUILLET_EXPORT QuilletCMP : public std::enable_shared_from_this<QuilletCMP
   /// (a few milliseconds), or read it themselves when asked first.
   std::shared_ptr<const boost::json::object> gvl() const;
   std::vector<PurposeModel> purposes() const;
+  /// The vendor models, which a start makes right after posting its banner; until then, this
+  /// waits for them, or makes them itself when asked first.
   std::vector<VendorModel> vendors() const;
   std::vector<std::shared_ptr<const boost::json::object>> rawVendors() const;
   bool isConfigLoaded() const;
