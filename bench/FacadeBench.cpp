@@ -80,9 +80,11 @@ class Setup {
     gvl_ = bench::testdataText("gvl-v3-106.json");
     server_.set_tcp_nodelay(true);
     server_.set_keep_alive_timeout(1);  // the server waits this long for a kept connection at stop
-    server_.Get("/cdn/pub/banner_config.json", [](const httplib::Request&, httplib::Response& r) {
-      r.set_content(kConfig, "application/octet-stream");
-    });
+    server_.Get("/cdn/pub/banner_config.json",
+                [this](const httplib::Request&, httplib::Response& r) {
+                  std::this_thread::sleep_for(configDelay.load());
+                  r.set_content(kConfig, "application/octet-stream");
+                });
     server_.Get("/cdn/gvl.json", [this](const httplib::Request&, httplib::Response& r) {
       r.set_content(gvl_, "application/octet-stream");
     });
@@ -127,6 +129,8 @@ class Setup {
 
   std::shared_ptr<RunLoop> main = std::make_shared<RunLoop>();
   std::shared_ptr<CountingHost> host;
+  /// How long the server takes to answer for the configuration.
+  std::atomic<std::chrono::milliseconds> configDelay{std::chrono::milliseconds(0)};
   std::shared_ptr<KeyValueStore> store;
   /// How long the caller's thread spent in `initialize`, over all starts.
   std::chrono::duration<double, std::milli> initializeReturned{0};
@@ -154,12 +158,14 @@ BENCHMARK(HandleAcceptAllRealVendorList)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// Argument 1: the host filled the in-memory cache at launch (`QLTAPIServer::initializeCache()`,
-// untimed), so that the start finds the list parsed; argument 0: the start reads the list from the
-// store itself.
+// cacheFilledAtLaunch 1: the host filled the in-memory cache at launch
+// (`QLTAPIServer::initializeCache()`, untimed), so that the start finds the list parsed; 0: the
+// start reads the list from the store itself. configMs: how long the server takes to answer for the
+// configuration, as a CDN does over a real network; the time is counted in the start.
 void StartUpFromCachedVendorListToBanner(benchmark::State& state) {
   Setup setup(true);
   const bool cacheFilledAtLaunch = state.range(0) == 1;
+  setup.configDelay = std::chrono::milliseconds(state.range(1));
   // The vendor list and its version as an earlier run of the app stored them. The first start is
   // the app's first in a new process (`--benchmark_min_time=0` times that one alone).
   const std::string gvl = bench::testdataText("gvl-v3-106.json");
@@ -193,9 +199,8 @@ void StartUpFromCachedVendorListToBanner(benchmark::State& state) {
       benchmark::Counter(setup.initializeReturned.count(), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(StartUpFromCachedVendorListToBanner)
-    ->ArgName("cacheFilledAtLaunch")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"cacheFilledAtLaunch", "configMs"})
+    ->ArgsProduct({{0, 1}, {0, 10}})
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();

@@ -34,7 +34,7 @@ for mode in 0 1; do
     --toggle-collect='quillet::QuilletCMP::initialize(*' \
     --toggle-collect='quillet::QLTAPIServer::(anonymous namespace)::downloadConfig(*' \
     --toggle-collect='quillet::CMPBannerViewController::document*' "$bench" \
-    --benchmark_filter="StartUpFromCachedVendorListToBanner/cacheFilledAtLaunch:$mode" \
+    --benchmark_filter="StartUpFromCachedVendorListToBanner/cacheFilledAtLaunch:$mode/configMs:0" \
     --benchmark_min_time=0 > /dev/null 2>&1
   callgrind_annotate --inclusive=yes --threshold=100 "$out" > "$out.txt" 2> /dev/null
   echo "start-up, cacheFilledAtLaunch:$mode (instructions, one start)"

@@ -7,6 +7,7 @@
 #include "quillet/base/Platform.h"
 #include "quillet/network/CurlHttpClient.h"
 #include "quillet/network/QLTAPIServer.h"
+#include "quillet/network/QLTAPIServerStart.h"
 #include "quillet/storage/MemoryKeyValueStore.h"
 #include "quillet/storage/StorageKeys.h"
 
@@ -234,6 +235,23 @@ TEST_F(QLTAPIServerTest, InitializeCacheLoadsTheStoredListOnce) {
   QLTAPIServer::clearCache();
   storeGVL(1, "not json");
   step("not JSON", load);
+}
+
+// A start begins to read the stored list while its configuration downloads; a list stored in the
+// meantime is the one it completes with.
+TEST_F(QLTAPIServerTest, AStartTakesTheListStoredWhenItsConfigurationArrives) {
+  storeGVL(1, R"({"stored": "before the start"})");
+  server_.reply("pub/banner_config.json",
+                Reply{.body = R"({"vendorListVersion": 1})", .delay = 300ms});
+  step("a list stored while the configuration downloads", [&] {
+    return completed([&](const Done& done) {
+      QLTAPIServer::fetchBannerConfigAndMaybeStartGVL("pub", [done](auto config, auto list) {
+        done("config " + text(config) + ", list " + text(list.list));
+      });
+      std::this_thread::sleep_for(100ms);
+      storeGVL(1, R"({"stored": "during the start"})");
+    });
+  });
 }
 
 // Posts carry their members and one device id unless the caller gives one; analytics logs its

@@ -1,5 +1,4 @@
 #include "quillet/network/QLTAPIServer.h"
-#include "quillet/network/QLTAPIServerStart.h"
 
 #include <chrono>
 #include <mutex>
@@ -14,6 +13,7 @@
 #include "quillet/model/Json.h"
 #include "quillet/model/VendorList.h"
 #include "quillet/network/CurlHttpClient.h"
+#include "quillet/network/QLTAPIServerStart.h"
 #include "quillet/network/Url.h"
 #include "quillet/storage/ConsentStorage.h"
 #include "quillet/storage/ConsentStorageStart.h"
@@ -168,11 +168,13 @@ void downloadGVL(const Services& services,
 }
 
 using ListCompletion = std::function<void(std::optional<BrandingConfig>, StartList)>;
+using EarlyList = std::shared_ptr<ConsentStorage::EarlyStartGVL>;
 
-// The stored vendor list: whole, or for a start as its start document with its text.
-StartList storedList(bool forStart) {
+// The stored vendor list: whole, or for a start as its start document with its text, which the
+// start may have begun to read early.
+StartList storedList(bool forStart, const EarlyList& early = nullptr) {
   if (!forStart) return StartList{storedGVL(), nullptr};
-  auto stored = ConsentStorage::loadStartGVL();
+  auto stored = early ? early->take() : ConsentStorage::loadStartGVL();
   if (!stored) return {};
   return StartList{std::make_shared<const boost::json::object>(std::move(stored->document)),
                    std::move(stored->text)};
@@ -188,7 +190,7 @@ void completeWithFallback(const BrandingConfig& config, StartList stored, bool f
   completion(config, std::move(list));
 }
 
-void decideAboutGVL(const Services& services, BrandingConfig config, bool forStart,
+void decideAboutGVL(const Services& services, BrandingConfig config, bool forStart, EarlyList early,
                     ListCompletion completion) {
   const auto store = ConsentStorage::store();
   const std::int64_t local = store->readInteger(StorageKeys::vendorListVersion);
@@ -203,10 +205,11 @@ void decideAboutGVL(const Services& services, BrandingConfig config, bool forSta
     if (cachedGVL()) {
       hasLocal = ConsentStorage::hasGVL();
     } else {
-      stored = storedList(forStart);
+      stored = storedList(forStart, early);
       hasLocal = stored.list != nullptr;
     }
   }
+  early.reset();  // an early read that is not taken stops here
   QltLog::d(kTag, [&] {
     return "config fetched. localVendorListVersion=" + std::to_string(local) +
            ", remoteVendorListVersion=" + std::to_string(remote) +
@@ -247,15 +250,21 @@ void fetchConfigAndList(std::string_view settingsId, bool forStart, ListCompleti
     return "fetchBannerConfigAndMaybeGVL - starting for " + std::string(settingsId);
   });
   const Services current = services();
+  // A start reads the stored list while the configuration downloads, for the likely case that
+  // the configuration then asks for the stored version.
+  EarlyList early =
+      forStart && !cachedGVL() ? std::make_shared<ConsentStorage::EarlyStartGVL>() : nullptr;
   downloadConfig(current, settingsId,
-                 [current, forStart, completion = std::move(completion)](
+                 [current, forStart, early = std::move(early), completion = std::move(completion)](
                      std::optional<BrandingConfig> config, bool) mutable {
                    if (!config) {
+                     early.reset();
                      QltLog::e(kTag, "fetchBrandingConfig failed");
                      completion(std::nullopt, {});
                      return;
                    }
-                   decideAboutGVL(current, std::move(*config), forStart, std::move(completion));
+                   decideAboutGVL(current, std::move(*config), forStart, std::move(early),
+                                  std::move(completion));
                  });
 }
 

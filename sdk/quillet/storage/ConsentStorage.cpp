@@ -1,8 +1,17 @@
 #include "quillet/storage/ConsentStorage.h"
+
+#include <atomic>
+#include <cmath>
+#include <future>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
 #include "quillet/storage/ConsentStorageStart.h"
 
-#include <cmath>
-#include <mutex>
+#ifdef __linux__
+#include <sched.h>
+#endif
 
 #include <boost/json/serialize.hpp>
 
@@ -155,22 +164,85 @@ std::optional<boost::json::object> loadGVL() {
   return std::move(document->get_object());
 }
 
-std::optional<StartGVL> loadStartGVL() {
-  const auto kv = store();
-  const auto revision = kv->revision(StorageKeys::gvlJson);  // asked first: see `revision`
+namespace {
+
+// `loadStartGVL` from `kv`, whose revision of the list was `revision` before the read began.
+// Gives nothing once `stop` is set, which it looks at between slices of the text.
+std::optional<StartGVL> readStartGVL(const std::shared_ptr<const KeyValueStore>& kv,
+                                     std::optional<std::uint64_t> revision,
+                                     const std::atomic<bool>& stop) {
   auto text = std::make_shared<std::string>();
   text->reserve(kv->byteCount(StorageKeys::gvlJson).value_or(0));
-  const bool read =
-      kv->readBytesInPieces(StorageKeys::gvlJson, [&text](std::span<const std::uint8_t> piece) {
+  const bool read = kv->readBytesInPieces(
+      StorageKeys::gvlJson, [&text, &stop](std::span<const std::uint8_t> piece) {
         text->append(reinterpret_cast<const char*>(piece.data()), piece.size());
-        return true;
+        return !stop.load(std::memory_order_relaxed);
       });
+  // A slice takes well under a tenth of a millisecond to parse.
+  constexpr std::size_t kSlice = std::size_t{64} * 1024;
   VendorList::StartDocumentReader reader(text->size());
-  reader.read(*text);
+  const std::string_view whole = *text;
+  for (std::size_t at = 0; at < whole.size(); at += kSlice) {
+    if (stop.load(std::memory_order_relaxed) || !reader.read(whole.substr(at, kSlice))) break;
+  }
+  if (stop.load(std::memory_order_relaxed)) return std::nullopt;
   auto document = reader.finish();
   if (!read || !document || !document->is_object()) return std::nullopt;
   noteListFoundAt(kv, revision);
   return StartGVL{std::move(document->get_object()), std::move(text)};
+}
+
+// Whether the process may run on more than one core. On one, a thread of its own would only take
+// turns with the start's other threads.
+bool moreThanOneCore() {
+#ifdef __linux__
+  cpu_set_t cores;
+  if (sched_getaffinity(0, sizeof cores, &cores) == 0) return CPU_COUNT(&cores) > 1;
+#endif
+  return std::thread::hardware_concurrency() > 1;
+}
+
+}  // namespace
+
+std::optional<StartGVL> loadStartGVL() {
+  const std::shared_ptr<const KeyValueStore> kv = store();
+  const std::atomic<bool> goOn{false};
+  return readStartGVL(kv, kv->revision(StorageKeys::gvlJson), goOn);  // revision asked first
+}
+
+struct EarlyStartGVL::Read {
+  std::shared_ptr<const KeyValueStore> store;
+  std::optional<std::uint64_t> revision;
+  std::atomic<bool> stop{false};
+  std::future<std::optional<StartGVL>> result;
+};
+
+EarlyStartGVL::EarlyStartGVL() : read_(std::make_unique<Read>()) {
+  read_->store = store();
+  read_->revision = read_->store->revision(StorageKeys::gvlJson);  // asked first: see `revision`
+  static const bool spareCore = moreThanOneCore();
+  if (!read_->revision || !spareCore) return;
+  try {
+    read_->result = std::async(std::launch::async, [read = read_.get()] {
+      return readStartGVL(read->store, read->revision, read->stop);
+    });
+  } catch (const std::system_error&) {
+    // No thread to be had: the start reads the list when it takes it.
+  }
+}
+
+EarlyStartGVL::~EarlyStartGVL() {
+  read_->stop = true;
+  if (read_->result.valid()) read_->result.wait();
+}
+
+std::optional<StartGVL> EarlyStartGVL::take() {
+  if (read_->result.valid()) {
+    auto early = read_->result.get();
+    const auto kv = store();
+    if (kv == read_->store && kv->revision(StorageKeys::gvlJson) == read_->revision) return early;
+  }
+  return loadStartGVL();
 }
 
 bool hasGVL() {
