@@ -2,7 +2,9 @@
 # One start-up to the banner, counted in instructions under callgrind, step by step: with the
 # vendor list read from the store (`:0`) and with it already in memory (`:1`). Instruction counts
 # do not move with how busy the machine is, so two builds compare on any day; timings are the
-# start-up benchmark's. Needs valgrind (Debian package "valgrind").
+# start-up benchmark's. With more than one core, a start from the store reads the stored list on a
+# thread of its own while its configuration downloads; that read is counted as a step of its own.
+# Needs valgrind (Debian package "valgrind").
 # usage: bench/startup_profile.sh [path/to/facade_bench]
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -17,7 +19,7 @@ trap 'rm -rf "$work"' EXIT
 steps=(
   "initialize on the host's thread|quillet::QuilletCMP::initialize\("
   "from the configuration's arrival on, HTTP thread|QLTAPIServer::\(anonymous namespace\)::downloadConfig\("
-  "  reading the stored vendor list's start document|quillet::ConsentStorage::loadStartGVL\(\)"
+  "  reading the stored vendor list's start document (own thread)|quillet::ConsentStorage::\(anonymous namespace\)::readStartGVL\("
   "  applying configuration and vendor list|quillet::QuilletCMP::applyFetchedConfig\("
   "    vendor ids (the models follow the banner)|quillet::VendorModels::outline\("
   "    vendor list facts|quillet::VendorList::facts\("
@@ -33,6 +35,7 @@ for mode in 0 1; do
   valgrind --tool=callgrind --callgrind-out-file="$out" \
     --toggle-collect='quillet::QuilletCMP::initialize(*' \
     --toggle-collect='quillet::QLTAPIServer::(anonymous namespace)::downloadConfig(*' \
+    --toggle-collect='quillet::ConsentStorage::(anonymous namespace)::readStartGVL(*' \
     --toggle-collect='quillet::CMPBannerViewController::document*' "$bench" \
     --benchmark_filter="StartUpFromCachedVendorListToBanner/cacheFilledAtLaunch:$mode/configMs:0" \
     --benchmark_min_time=0 > /dev/null 2>&1
