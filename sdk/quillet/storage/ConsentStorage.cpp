@@ -240,7 +240,10 @@ std::optional<StartGVL> EarlyStartGVL::take() {
   if (read_->result.valid()) {
     auto early = read_->result.get();
     const auto kv = store();
-    if (kv == read_->store && kv->revision(StorageKeys::gvlJson) == read_->revision) return early;
+    if (kv == read_->store && read_->revision &&
+        kv->revision(StorageKeys::gvlJson) == read_->revision) {
+      return early;
+    }
   }
   return loadStartGVL();
 }
