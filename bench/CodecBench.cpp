@@ -2,7 +2,10 @@
 // real strings back with the core decoder and the full reader.
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <fstream>
+#include <new>
 #include <numeric>
 #include <stdexcept>
 #include <string>
@@ -14,8 +17,33 @@
 #include "quillet/codec/TCString.h"
 
 namespace {
+// Heap allocations made in this process, so that a benchmark can count those of what it measures.
+std::atomic<std::int64_t> allocations{0};
+}  // namespace
+
+void* operator new(std::size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
+  throw std::bad_alloc();
+}
+// The compiler takes these for frees of blocks from the standard operator new, which they replace.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+#pragma GCC diagnostic pop
+
+namespace {
 
 using namespace quillet;
+
+// Heap allocations that `read` makes, counted once, outside any timing.
+template <class Read>
+std::int64_t allocationsOf(Read&& read) {
+  const std::int64_t before = allocations.load(std::memory_order_relaxed);
+  read();
+  return allocations.load(std::memory_order_relaxed) - before;
+}
 
 std::vector<std::int64_t> range(std::int64_t first, std::int64_t last) {
   std::vector<std::int64_t> ids(static_cast<std::size_t>(last - first + 1));
@@ -113,6 +141,8 @@ void ReadWithTCString(benchmark::State& state) {
   if (!TCString::parse(text)) state.SkipWithError("sample did not parse");
   for (auto _ : state)
     benchmark::DoNotOptimize(TCString::parse(text));
+  state.counters["allocations"] = static_cast<double>(
+      allocationsOf([&] { benchmark::DoNotOptimize(TCString::parse(text)); }));
 }
 BENCHMARK(ReadWithTCString)->DenseRange(0, 3)->ComputeStatistics("min", fastest);
 
@@ -130,6 +160,11 @@ void ReadEveryValidString(benchmark::State& state) {
       static_cast<double>(state.iterations() * texts.size()),
       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   state.SetLabel(std::to_string(texts.size()) + " strings");
+  int allocating = 0;
+  for (const auto& text : texts) {
+    if (allocationsOf([&] { benchmark::DoNotOptimize(TCString::parse(text)); }) > 0) ++allocating;
+  }
+  state.counters["strings that allocate"] = allocating;
 }
 BENCHMARK(ReadEveryValidString)->ComputeStatistics("min", fastest);
 
