@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Throughput of `quillet decode` reading TC Strings from standard input, one JSON object a line,
-# on one core (core 0; a pipe's reader on core 1): the valid real strings of testdata/tc-strings.txt repeated (20,000 times by
-# default, 1,060,000 lines), best of five runs into /dev/null and into a pipe.
+# on one core (core 0; a pipe's reader on core 1), then with --threads on every core: the valid
+# real strings of testdata/tc-strings.txt repeated (20,000 times by default, 1,060,000 lines),
+# best of five runs into /dev/null and into a pipe.
 # usage: bench/decode_stream.sh [path/to/quillet] [repeats]
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -25,14 +26,18 @@ best() {
   done
   echo "$fastest"
 }
-for sink in /dev/null pipe; do
-  if [ "$sink" = pipe ]; then
-    # The reader on the other core, as a consumer of the output would be.
-    ns=$(best "taskset -c 0 \"$quillet\" decode < \"$input\" | taskset -c 1 cat > /dev/null")
-  else
-    ns=$(best "taskset -c 0 \"$quillet\" decode < \"$input\" > /dev/null")
-  fi
-  awk -v n="$lines" -v ns="$ns" -v b="$bytes" -v sink="$sink" 'BEGIN {
-    printf "decode to %-9s %d strings in %.0f ms: %.2f million strings/s, %.0f MB/s of JSON\n",
-           sink, n, ns / 1e6, n / (ns / 1e9) / 1e6, b / (ns / 1e9) / 1e6 }'
-done
+report() {
+  awk -v n="$lines" -v ns="$2" -v b="$bytes" -v what="$1" 'BEGIN {
+    printf "%-32s %d strings in %.0f ms: %.2f million strings/s, %.0f MB/s of JSON\n",
+           what, n, ns / 1e6, n / (ns / 1e9) / 1e6, b / (ns / 1e9) / 1e6 }'
+}
+report "decode to /dev/null" "$(best "taskset -c 0 \"$quillet\" decode < \"$input\" > /dev/null")"
+# The reader on the other core, as a consumer of the output would be.
+report "decode to pipe" \
+  "$(best "taskset -c 0 \"$quillet\" decode < \"$input\" | taskset -c 1 cat > /dev/null")"
+# Every core, with --threads: one worker a core.
+cores=$(nproc)
+report "decode --threads $cores to /dev/null" \
+  "$(best "\"$quillet\" decode --threads $cores < \"$input\" > /dev/null")"
+report "decode --threads $cores to pipe" \
+  "$(best "\"$quillet\" decode --threads $cores < \"$input\" | cat > /dev/null")"

@@ -15,6 +15,7 @@ struct DecodeOptions {
   bool pretty = false;
   bool strict = false;
   std::vector<std::string> strings;  ///< empty: read one string per line from `in`
+  int threads = 1;  ///< decoding threads for `in`'s lines; the output keeps the input's order
 };
 
 /// Prints one JSON object per readable string to `out` and a message per unreadable one to `err`.

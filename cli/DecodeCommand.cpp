@@ -4,12 +4,20 @@
 #include <cerrno>
 #include <charconv>
 #include <concepts>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <stop_token>
+#include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <boost/json/parse.hpp>
@@ -293,66 +301,184 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
 }
 
-// Decodes strings into one output buffer, written out in large blocks.
-class Decoder {
+// Decoded strings in their order: one JSON object a line for each that reads, and the message
+// for each that does not, with the place among the lines where it falls.
+class Decoded {
  public:
-  Decoder(const DecodeOptions& options, std::ostream& out, std::ostream& err)
-      : options_(options), out_(out), err_(err) {}
-  ~Decoder() { flush(); }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
+  explicit Decoded(const DecodeOptions& options) : options_(&options) {}
 
-  // Appends the string's object, or writes a message on `err`; false when it could not be read.
-  bool decode(std::string_view text) {
+  // Appends the string's object, or the message of why it cannot be read.
+  void add(std::string_view text) {
     const auto parsed = TCString::parse(text);
     if (!parsed) {
-      refuse() << "cannot read " << quoted(text) << ": " << parsed.error().message() << '\n';
-      return false;
+      refuse("cannot read " + quoted(text) + ": " + parsed.error().message());
+      return;
     }
-    if (options_.strict && !parsed->warnings.empty()) {
-      auto& err = refuse() << quoted(text) << " is refused under --strict: ";
+    if (options_->strict && !parsed->warnings.empty()) {
+      std::string message = quoted(text) + " is refused under --strict: ";
       for (std::size_t i = 0; i < parsed->warnings.size(); ++i)
-        err << (i == 0 ? "" : "; ") << parsed->warnings[i];
-      err << '\n';
-      return false;
+        message.append(i == 0 ? "" : "; ").append(parsed->warnings[i]);
+      refuse(std::move(message));
+      return;
     }
-    if (options_.pretty) {
+    if (options_->pretty) {
       OutputBuffer line;
       writeJson(*parsed, line);
-      buffer_.append(prettyJson(boost::json::parse(line.view())));
+      lines_.append(prettyJson(boost::json::parse(line.view())));
     } else {
-      writeJson(*parsed, buffer_);
+      writeJson(*parsed, lines_);
     }
-    buffer_.push('\n');
-    if (buffer_.size() >= kBlock) flush();
-    return true;
+    lines_.push('\n');
   }
 
-  void flush() {
-    out_.write(buffer_.view().data(), static_cast<std::streamsize>(buffer_.size()));
-    buffer_.clear();
+  // Each non-blank line of `text`, without the spaces around it.
+  void addLines(std::string_view text) {
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t end = std::min(text.find('\n', at), text.size());
+      if (const auto line = trimmed(text.substr(at, end - at)); !line.empty()) add(line);
+      at = end + 1;
+    }
+  }
+
+  bool allRead() const { return refusals_.empty(); }
+  std::size_t size() const { return lines_.size(); }
+
+  // Writes the lines to `out` and the messages to `err`, each message once the lines before it
+  // are out, so that both streams keep the input's order; then holds nothing. Returns allRead().
+  bool writeTo(std::ostream& out, std::ostream& err) {
+    const bool all = allRead();
+    const std::string_view lines = lines_.view();
+    std::size_t written = 0;
+    for (const auto& [at, message] : refusals_) {
+      out.write(lines.data() + written, static_cast<std::streamsize>(at - written));
+      out.flush();
+      err << "quillet decode: " << message << '\n';
+      written = at;
+    }
+    out.write(lines.data() + written, static_cast<std::streamsize>(lines.size() - written));
+    lines_.clear();
+    refusals_.clear();
+    return all;
   }
 
  private:
-  static constexpr std::size_t kBlock = std::size_t{1} << 18;
-
-  // What was decoded before goes out first, so that both streams keep the input's order.
-  std::ostream& refuse() {
-    flush();
-    out_.flush();
-    return err_ << "quillet decode: ";
-  }
+  void refuse(std::string message) { refusals_.emplace_back(lines_.size(), std::move(message)); }
   static std::string quoted(std::string_view text) {
     OutputBuffer out;
     JsonWriter(out).write(text);
     return std::string(out.view());
   }
 
-  const DecodeOptions& options_;
-  std::ostream& out_;
-  std::ostream& err_;
-  OutputBuffer buffer_;
+  const DecodeOptions* options_;
+  OutputBuffer lines_;
+  std::vector<std::pair<std::size_t, std::string>> refusals_;  // where in lines_, and the message
 };
+
+// Output is written once this much has gathered.
+constexpr std::size_t kBlock = std::size_t{1} << 18;
+
+// Decodes batches of lines on up to `threads` worker threads of its own (as many as the system
+// gives; with none, on the caller's); the results are taken in the order the batches were given.
+// Destroying it lets the workers decode what is left and joins them.
+class Workers {
+ public:
+  Workers(const DecodeOptions& options, int threads) : options_(options) {
+    try {
+      for (int i = 0; i < threads; ++i)
+        threads_.emplace_back([this](const std::stop_token& stop) { work(stop); });
+    } catch (const std::system_error&) {
+      // Fewer threads than asked for: those there are do the work.
+    }
+  }
+  ~Workers() = default;
+  Workers(const Workers&) = delete;
+  Workers& operator=(const Workers&) = delete;
+
+  // Hands on lines to decode; their result comes from the future, in the order given.
+  std::future<Decoded> decode(std::string lines) {
+    std::packaged_task<Decoded()> task([this, lines = std::move(lines)] {
+      Decoded decoded = spare();
+      decoded.addLines(lines);
+      return decoded;
+    });
+    auto result = task.get_future();
+    if (threads_.empty()) {
+      task();
+      return result;
+    }
+    {
+      const std::lock_guard lock(mutex_);
+      tasks_.push_back(std::move(task));
+    }
+    ready_.notify_one();
+    return result;
+  }
+
+  // Takes back a result once written, so that its memory serves a later batch: fresh memory
+  // for every batch would cost a page fault every 4 KiB of output.
+  void recycle(Decoded&& decoded) {
+    const std::lock_guard lock(mutex_);
+    spares_.push_back(std::move(decoded));
+  }
+
+ private:
+  Decoded spare() {
+    const std::lock_guard lock(mutex_);
+    if (spares_.empty()) return Decoded(options_);
+    Decoded decoded = std::move(spares_.back());
+    spares_.pop_back();
+    return decoded;
+  }
+
+  void work(const std::stop_token& stop) {
+    for (;;) {
+      std::unique_lock lock(mutex_);
+      if (!ready_.wait(lock, stop, [this] { return !tasks_.empty(); })) return;
+      auto task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      task();
+    }
+  }
+
+  const DecodeOptions& options_;
+  std::mutex mutex_;
+  std::condition_variable_any ready_;
+  std::deque<std::packaged_task<Decoded()>> tasks_;
+  std::vector<Decoded> spares_;        // written results, empty
+  std::vector<std::jthread> threads_;  // last: joined before the queue goes
+};
+
+// Reads standard input in large reads and hands on whole lines, a batch at a time; the last
+// batch holds what follows the last line end. Returns the error number when reading failed, else 0.
+template <class Batch>
+int readBatches(std::istream& in, Batch&& batch) {
+  constexpr std::size_t kRead = std::size_t{1} << 16;
+  std::string pending;
+  try {
+    for (;;) {
+      const std::size_t held = pending.size();
+      pending.resize(held + kRead);
+      const auto got =
+          in.rdbuf()->sgetn(pending.data() + held, static_cast<std::streamsize>(kRead));
+      pending.resize(held + static_cast<std::size_t>(std::max<std::streamsize>(got, 0)));
+      if (got <= 0) break;
+      // A line end before `held` would have ended the last batch.
+      const std::size_t last = std::string_view(pending).substr(held).rfind('\n');
+      if (last == std::string_view::npos) continue;
+      const std::size_t end = held + last;
+      std::string rest = pending.substr(end + 1);
+      pending.resize(end + 1);
+      batch(std::move(pending));
+      pending = std::move(rest);
+    }
+  } catch (const std::exception&) {  // the stream library reports read errors this way
+    in.setstate(std::ios::badbit);
+  }
+  const int error = in.bad() || failedStandardInput(in) ? (errno != 0 ? errno : EIO) : 0;
+  batch(std::move(pending));
+  return error;
+}
 
 }  // namespace
 
@@ -363,50 +489,45 @@ bool failedStandardInput(const std::istream& in) {
 int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
               std::ostream& err) {
   bool allRead = true;
-  {
-    Decoder decoder(options, out, err);
-    if (!options.strings.empty()) {
-      for (const auto& text : options.strings)
-        allRead = decoder.decode(trimmed(text)) && allRead;
-    } else {
-      // Large reads, split into lines here; a line cut by the end of a read waits in `rest`.
-      constexpr std::size_t kRead = std::size_t{1} << 16;
-      std::vector<char> chunk(kRead);
-      std::string rest;
-      const auto line = [&](std::string_view text) {
-        if (text = trimmed(text); !text.empty()) allRead = decoder.decode(text) && allRead;
-      };
-      try {
-        for (;;) {
-          const auto got = in.rdbuf()->sgetn(chunk.data(), static_cast<std::streamsize>(kRead));
-          if (got <= 0) break;
-          std::string_view data(chunk.data(), static_cast<std::size_t>(got));
-          for (auto end = data.find('\n'); end != std::string_view::npos; end = data.find('\n')) {
-            if (rest.empty()) {
-              line(data.substr(0, end));
-            } else {
-              rest.append(data.substr(0, end));
-              line(rest);
-              rest.clear();
-            }
-            data.remove_prefix(end + 1);
-          }
-          rest.append(data);
-        }
-      } catch (const std::exception&) {  // the stream library reports read errors this way
-        in.setstate(std::ios::badbit);
-      }
-      line(rest);
-      if (in.bad() || failedStandardInput(in)) {
-        decoder.flush();
-        err << "quillet decode: cannot read standard input: "
-            << std::generic_category().message(errno) << '\n';
-        allRead = false;
-      }
+  int readError = 0;
+  if (!options.strings.empty()) {
+    Decoded decoded(options);
+    for (const auto& text : options.strings) {
+      decoded.add(trimmed(text));
+      if (decoded.size() >= kBlock) allRead = decoded.writeTo(out, err) && allRead;
     }
+    allRead = decoded.writeTo(out, err) && allRead;
+  } else if (options.threads <= 1) {
+    Decoded decoded(options);
+    readError = readBatches(in, [&](const std::string& lines) {
+      decoded.addLines(lines);
+      if (decoded.size() >= kBlock) allRead = decoded.writeTo(out, err) && allRead;
+    });
+    allRead = decoded.writeTo(out, err) && allRead;
+  } else {
+    // Enough batches in flight to keep every worker busy while the oldest is written out.
+    const auto inFlight = static_cast<std::size_t>(options.threads) * 2;
+    Workers workers(options, options.threads);
+    std::deque<std::future<Decoded>> results;
+    const auto writeOldest = [&] {
+      Decoded oldest = results.front().get();
+      results.pop_front();
+      allRead = oldest.writeTo(out, err) && allRead;
+      workers.recycle(std::move(oldest));
+    };
+    readError = readBatches(in, [&](std::string lines) {
+      results.push_back(workers.decode(std::move(lines)));
+      if (results.size() > inFlight) writeOldest();
+    });
+    while (!results.empty())
+      writeOldest();
+  }
+  if (readError != 0) {
+    err << "quillet decode: cannot read standard input: "
+        << std::generic_category().message(readError) << '\n';
   }
   out.flush();
-  return allRead ? 0 : 1;
+  return allRead && readError == 0 ? 0 : 1;
 }
 
 }  // namespace quillet::cli

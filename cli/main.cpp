@@ -49,6 +49,11 @@ int main(int argc, char** argv) {
     decode->add_flag("--pretty", decodeOptions.pretty, "Indent the JSON output");
     decode->add_flag("--strict", decodeOptions.strict,
                      "Refuse strings that carry warnings (policy rules they break)");
+    decode
+        ->add_option("--threads", decodeOptions.threads,
+                     "Decode standard input on N threads (1 to 256), output in input order")
+        ->check(CLI::Range(1, 256).description(""))
+        ->type_name("N");
     decode->add_option("TCSTRING", decodeOptions.strings,
                        "TC Strings to read; without any, one per line from standard input");
   }

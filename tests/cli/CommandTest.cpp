@@ -32,6 +32,28 @@ TEST(DecodeCommand, WritesTheGoldenLinesForEveryRealStringAndNamesTheUnreadable)
   EXPECT_TRUE(testing::matchesGolden("decode-real-strings.err", run.err));
 }
 
+// Decoding on several threads writes what one thread writes, in the same order, over an input of
+// many batches with the unreadable strings, blank lines and line ends of every kind among them.
+TEST(DecodeCommand, SeveralThreadsWriteWhatOneWrites) {
+  std::istringstream samples(testing::testdataText("tc-strings.txt"));
+  std::string strings, line;
+  for (int i = 0; std::getline(samples, line); ++i)
+    strings += line.substr(0, line.find('\t')) + (i % 3 == 0   ? "\r\n"
+                                                  : i % 5 == 0 ? " \n\n"
+                                                               : "\n");
+  std::string input;
+  while (input.size() < std::size_t{600} * 1024)
+    input += strings;
+  input += "  bad-encoded!!!string";  // no line end at the end
+  const Outcome one = quillet({"decode"}, input);
+  const Outcome several = quillet({"decode", "--threads", "3"}, input);
+  EXPECT_EQ(one.status, 1);
+  EXPECT_EQ(several.status, one.status);
+  EXPECT_GT(one.out.size(), std::size_t{4} << 20);
+  EXPECT_TRUE(several.out == one.out);  // not printed: megabytes
+  EXPECT_EQ(several.err, one.err);
+}
+
 // Each case of testdata/cli-cases.txt: the exit status and both outputs, against
 // testdata/golden/cli-cases.txt. A pretty-printed object is the compact one indented.
 TEST(Command, EveryCaseGivesItsGoldenOutput) {
