@@ -349,11 +349,19 @@ class Decoded {
     const bool all = allRead();
     const std::string_view lines = lines_.view();
     std::size_t written = 0;
-    for (const auto& [at, message] : refusals_) {
-      out.write(lines.data() + written, static_cast<std::streamsize>(at - written));
-      out.flush();
-      err << "quillet decode: " << message << '\n';
-      written = at;
+    std::string messages;  // those with no line between them, in one write
+    for (std::size_t i = 0; i < refusals_.size(); ++i) {
+      const auto& [at, message] = refusals_[i];
+      if (at != written) {
+        out.write(lines.data() + written, static_cast<std::streamsize>(at - written));
+        written = at;
+      }
+      messages.append("quillet decode: ").append(message).push_back('\n');
+      if (i + 1 == refusals_.size() || refusals_[i + 1].first != at) {
+        out.flush();
+        err.write(messages.data(), static_cast<std::streamsize>(messages.size()));
+        messages.clear();
+      }
     }
     out.write(lines.data() + written, static_cast<std::streamsize>(lines.size() - written));
     lines_.clear();
@@ -374,7 +382,7 @@ class Decoded {
   std::vector<std::pair<std::size_t, std::string>> refusals_;  // where in lines_, and the message
 };
 
-// Output is written once this much has gathered.
+// The output of strings given as arguments is written once this much has gathered.
 constexpr std::size_t kBlock = std::size_t{1} << 18;
 
 // Decodes batches of lines on up to `threads` worker threads of its own (as many as the system
@@ -499,11 +507,11 @@ int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
     allRead = decoded.writeTo(out, err) && allRead;
   } else if (options.threads <= 1) {
     Decoded decoded(options);
+    // A batch at a time, so that neither its lines nor its messages gather.
     readError = readBatches(in, [&](const std::string& lines) {
       decoded.addLines(lines);
-      if (decoded.size() >= kBlock) allRead = decoded.writeTo(out, err) && allRead;
+      allRead = decoded.writeTo(out, err) && allRead;
     });
-    allRead = decoded.writeTo(out, err) && allRead;
   } else {
     // Enough batches in flight to keep every worker busy while the oldest is written out.
     const auto inFlight = static_cast<std::size_t>(options.threads) * 2;
