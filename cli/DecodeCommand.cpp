@@ -352,10 +352,8 @@ class Decoded {
     std::string messages;  // those with no line between them, in one write
     for (std::size_t i = 0; i < refusals_.size(); ++i) {
       const auto& [at, message] = refusals_[i];
-      if (at != written) {
-        out.write(lines.data() + written, static_cast<std::streamsize>(at - written));
-        written = at;
-      }
+      out.write(lines.data() + written, static_cast<std::streamsize>(at - written));
+      written = at;
       messages.append("quillet decode: ").append(message).push_back('\n');
       if (i + 1 == refusals_.size() || refusals_[i + 1].first != at) {
         out.flush();

@@ -54,6 +54,19 @@ TEST(DecodeCommand, SeveralThreadsWriteWhatOneWrites) {
   EXPECT_EQ(several.err, one.err);
 }
 
+// With both streams in one, a message stands between the lines of the strings around it.
+TEST(DecodeCommand, MessagesStandAmongTheLinesInInputOrder) {
+  const std::string valid = "COtybn4PA_zT4KjACBENAPCIAEBAAECAAIAAAAAAAAAA";
+  const std::string line = quillet({"decode", valid}).out;
+  const std::string message = quillet({"decode", "bad!"}).err;
+  for (const char* threads : {"1", "2"}) {
+    const Outcome run = testing::runProcess(
+        {"/bin/sh", "-c", "\"$0\" decode --threads \"$1\" 2>&1", QUILLET_CLI_PATH, threads},
+        valid + "\nbad!\n" + valid + "\n");
+    EXPECT_EQ(run.out, line + message + line) << threads << " threads";
+  }
+}
+
 // Each case of testdata/cli-cases.txt: the exit status and both outputs, against
 // testdata/golden/cli-cases.txt. A pretty-printed object is the compact one indented.
 TEST(Command, EveryCaseGivesItsGoldenOutput) {
