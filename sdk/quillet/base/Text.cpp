@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
 #include <unicode/ubrk.h>
 #include <unicode/ustring.h>
 #include <unicode/utypes.h>
@@ -14,9 +13,13 @@
 
 #include "quillet/base/Fatal.h"
 
+#ifndef QUILLET_ICU_LINKED
+#include <dlfcn.h>
+
 // ICU's C functions under their versioned names, as the linker would see them.
 #define QUILLET_ICU_NAME_TEXT(name) #name
 #define QUILLET_ICU_NAME(name) QUILLET_ICU_NAME_TEXT(name)
+#endif
 
 namespace quillet::Text {
 namespace {
@@ -24,7 +27,9 @@ namespace {
 constexpr UChar32 kReplacement = 0xFFFD;
 
 // ICU is loaded on the first text that is not ASCII: most texts are, and a program that only
-// reads and writes TC Strings then starts without mapping it.
+// reads and writes TC Strings then starts without mapping it. A program linked as one static
+// executable cannot load it (a second C library would come with it), so it links ICU in instead
+// and builds this file with QUILLET_ICU_LINKED.
 struct Icu {
   decltype(&u_strFromUTF8WithSub) fromUtf8;
   decltype(&u_strToUTF8WithSub) toUtf8;
@@ -36,6 +41,14 @@ struct Icu {
   decltype(&ubrk_next) next;
 };
 
+#ifdef QUILLET_ICU_LINKED
+const Icu& icu() {
+  static constexpr Icu linked{
+      &u_strFromUTF8WithSub, &u_strToUTF8WithSub, &u_strToUpper, &ubrk_open,
+      &ubrk_close,           &ubrk_setText,       &ubrk_first,   &ubrk_next};
+  return linked;
+}
+#else
 template <class Function>
 Function icuFunction(void* library, const char* name) {
   void* function = dlsym(library, name);
@@ -59,6 +72,7 @@ const Icu& icu() {
   }();
   return loaded;
 }
+#endif
 
 bool isAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
