@@ -245,6 +245,16 @@ class SegmentBits {
     return high >> (64 - width);
   }
 
+  // The decoded bytes, with slack after the text for a load of eight bytes at any of them.
+  const std::uint8_t* data() const noexcept {
+    return bytes_;
+  }
+  // `width` bits (1 to 57) at bit `at` of `data()`, right-aligned, from one load: the eight bytes
+  // from the one that holds `at` carry at least 57 bits after it. `at` must be inside the text.
+  static std::uint64_t peekShort(const std::uint8_t* data, std::int64_t at, int width) {
+    return (bigEndianAt(data + (at >> 3)) << (at & 7)) >> (64 - width);
+  }
+
   // The `length` bits at `at` (inside the text) into ceil(length / 64) numbers, most significant
   // bit first, the last one padded with zero bits.
   void copy(std::int64_t at, std::int64_t length, std::uint64_t* out) const {
@@ -437,44 +447,48 @@ void copyBitField(const SegmentBits& bits, std::int64_t start, std::int64_t leng
 
 // NumEntries, then each entry: IsARange, StartOrOnlyVendorId, and EndVendorId for a range. An
 // id of 0, a start above its end, or an id above `maxId` (when given) fails.
-void readRangeEntries(SegmentBits& bits, const char* section, std::optional<std::int64_t> maxId,
-                      VendorIdSet& set) {
-  const auto entries = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
-  // The position lives in a local while entries are read: stores into the set could otherwise
-  // alias it and serialise the loop through memory.
+// Kept out of line: inlined into the reader of the whole segment, its loop state no longer fits in
+// registers.
+[[gnu::noinline]] void readRangeEntries(SegmentBits& bits, const char* section,
+                                        std::optional<std::int64_t> maxId, VendorIdSet& set) {
+  std::int64_t left = static_cast<std::int64_t>(bits.read(12, section, "NumEntries"));
+  // Ids are 16 bits wide, so without `maxId` none is too high.
+  const std::int64_t highest = maxId.value_or(VendorIdSet::kMaxId);
+  // The loop's state lives in locals while whole entries are read: stores into the set could
+  // otherwise alias it and serialise the loop through memory.
+  const std::uint8_t* const data = bits.data();
   std::int64_t position = bits.position();
-  const std::int64_t end = position + bits.remainingBits();
+  const std::int64_t lastWhole = position + bits.remainingBits() - 33;
   detail::VendorIdSetAccess::Adder adder(set);
-  for (std::int64_t entry = 0; entry < entries; ++entry) {
-    const std::int64_t startAt = position + 1;
-    const std::int64_t endAt = startAt + 16;
-    std::int64_t first = 0;
-    std::int64_t last = 0;
-    bool isRange = false;
-    if (end - position >= 33) {
-      // The longest entry fits: read it whole and pick its parts without a branch, as single ids
-      // and ranges come in no order a branch could predict.
-      const std::uint64_t entryBits = bits.peek(position, 33);
-      isRange = (entryBits >> 32) != 0;
-      first = static_cast<std::int64_t>((entryBits >> 16) & 0xFFFFU);
-      last = isRange ? static_cast<std::int64_t>(entryBits & 0xFFFFU) : first;
-      position += isRange ? 33 : 17;
-    } else {
-      // Near the end, field by field, so that a truncation names the field it cuts.
-      bits.seek(position);
-      isRange = bits.readBit(section, "IsARange");
-      first = static_cast<std::int64_t>(bits.read(16, section, "StartOrOnlyVendorId"));
-      last = isRange ? static_cast<std::int64_t>(bits.read(16, section, "EndVendorId")) : first;
-      if (bits.failed()) return;
-      position = bits.position();
+  // While the longest entry fits, each is read whole and its parts picked without a branch, as
+  // single ids and ranges come in no order a branch could predict.
+  for (; left > 0 && position <= lastWhole; --left) {
+    const std::uint64_t entryBits = SegmentBits::peekShort(data, position, 33);
+    const bool isRange = (entryBits >> 32) != 0;
+    const auto first = static_cast<std::int64_t>((entryBits >> 16) & 0xFFFFU);
+    const std::int64_t last = isRange ? static_cast<std::int64_t>(entryBits & 0xFFFFU) : first;
+    if (first == 0 || first > last || last > highest) [[unlikely]] {
+      failOnRange(bits, section, first, last, isRange, position + 1, position + 17, maxId);
+      return;
     }
-    if (first == 0 || first > last || (maxId && last > *maxId)) [[unlikely]] {
-      failOnRange(bits, section, first, last, isRange, startAt, endAt, maxId);
+    position += isRange ? 33 : 17;
+    adder.add(first, last);
+  }
+  // Near the end, field by field, so that a truncation names the field it cuts.
+  bits.seek(position);
+  for (; left > 0; --left) {
+    const std::int64_t startAt = bits.position() + 1;
+    const bool isRange = bits.readBit(section, "IsARange");
+    const auto first = static_cast<std::int64_t>(bits.read(16, section, "StartOrOnlyVendorId"));
+    const std::int64_t last =
+        isRange ? static_cast<std::int64_t>(bits.read(16, section, "EndVendorId")) : first;
+    if (bits.failed()) return;
+    if (first == 0 || first > last || last > highest) [[unlikely]] {
+      failOnRange(bits, section, first, last, isRange, startAt, startAt + 16, maxId);
       return;
     }
     adder.add(first, last);
   }
-  bits.seek(position);
 }
 
 // MaxVendorId, IsRangeEncoding, then a bit field or range entries.

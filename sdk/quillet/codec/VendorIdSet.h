@@ -84,6 +84,7 @@ class QUILLET_EXPORT VendorIdSet {
  private:
   friend struct detail::VendorIdSetAccess;
   static constexpr std::uint32_t kInlineWords = 4;
+  static constexpr std::uint32_t kFirstHeapWords = 16;
   static constexpr std::uint32_t kWordCount = (kMaxId + 63) / 64;  // words for every id
 
   // Word i holds ids 64 (firstWord_ + i) + 1, in its highest bit, to 64 (firstWord_ + i) + 64.
