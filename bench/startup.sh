@@ -58,8 +58,15 @@ measure "quillet decode X" "$quillet" decode "$string"
 measure "quillet encode" "$quillet" encode --input "$work/encode.json"
 libraries() { ldd "$1" 2>/dev/null | wc -l; }
 echo "shared libraries loaded: quillet $(libraries "$quillet"), C++ hello $(libraries "$work/hello")"
-if ldd "$quillet" 2>/dev/null | grep -E 'curl|sqlite|icu'; then
+if ! ldd "$quillet" > /dev/null 2>&1; then
+  echo "quillet is a static executable: it loads no shared library"
+elif ldd "$quillet" | grep -E 'curl|sqlite|icu'; then
   echo "quillet loads the libraries above"
 else
   echo "quillet loads none of libcurl, SQLite, ICU"
+fi
+if nm "$quillet" | grep -q -E ' (curl_|sqlite3_)'; then
+  echo "quillet carries libcurl or SQLite"
+else
+  echo "quillet carries none of libcurl, SQLite"
 fi
