@@ -503,17 +503,13 @@ int runDecode(const DecodeOptions& options, std::istream& in, std::ostream& out,
       if (decoded.size() >= kBlock) allRead = decoded.writeTo(out, err) && allRead;
     }
     allRead = decoded.writeTo(out, err) && allRead;
-  } else if (options.threads <= 1) {
-    Decoded decoded(options);
-    // A batch at a time, so that neither its lines nor its messages gather.
-    readError = readBatches(in, [&](const std::string& lines) {
-      decoded.addLines(lines);
-      allRead = decoded.writeTo(out, err) && allRead;
-    });
   } else {
-    // Enough batches in flight to keep every worker busy while the oldest is written out.
-    const auto inFlight = static_cast<std::size_t>(options.threads) * 2;
-    Workers workers(options, options.threads);
+    // One thread decodes on the caller's, each batch written out as soon as it is decoded, so
+    // that neither lines nor messages gather; more keep enough batches in flight to keep every
+    // worker busy while the oldest is written out.
+    const int threads = options.threads > 1 ? options.threads : 0;
+    const auto inFlight = static_cast<std::size_t>(threads) * 2;
+    Workers workers(options, threads);
     std::deque<std::future<Decoded>> results;
     const auto writeOldest = [&] {
       Decoded oldest = results.front().get();
